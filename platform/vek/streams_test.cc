@@ -1,0 +1,137 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "contracts/vek.h"
+
+namespace {
+
+struct Piece {
+  std::string text;
+  uint32_t status;
+};
+
+// Reads `input` line by line until the end of the stream.
+std::vector<Piece> read_all(const std::string& input, uint32_t limit, Vek_eol eol) {
+  Vek_raw_memory_buffer buffer(input.size(), input.data(), 0);
+  Vek_status status;
+  Vek_buffered_istream in(&buffer, true, status, eol);
+  std::vector<Piece> pieces;
+  std::string line;
+  for (int guard = 0; guard < 100; ++guard) {
+    in.readln(limit, line, status);
+    pieces.push_back({line, status.value()});
+    if (status == vek_end_of_stream) break;
+  }
+  return pieces;
+}
+
+constexpr uint32_t ok = vek_ok, eos = vek_end_of_stream, tl = vek_line_too_long;
+
+TEST(Readln, Table) {
+  struct Case {
+    const char* name;
+    std::string in;
+    uint32_t limit;
+    Vek_eol eol;
+    std::vector<Piece> want;
+  };
+  const std::vector<Case> cases = {
+      // Mode 0: LF ends a line, a CR in front of it goes.
+      {"lf", "ab\ncd\n", 10, vek_eol_lf, {{"ab", ok}, {"cd", ok}, {"", eos}}},
+      {"crlf in lf mode", "ab\r\ncd\r\n", 10, vek_eol_lf, {{"ab", ok}, {"cd", ok}, {"", eos}}},
+      {"last line without end", "ab\ncd", 10, vek_eol_lf, {{"ab", ok}, {"cd", eos}}},
+      {"empty", "", 10, vek_eol_lf, {{"", eos}}},
+      {"blank lines", "\n\r\n", 10, vek_eol_lf, {{"", ok}, {"", ok}, {"", eos}}},
+      {"lone cr is text", "a\rb\n", 10, vek_eol_lf, {{"a\rb", ok}, {"", eos}}},
+      // Mode 3: only CR LF ends a line.
+      {"crlf", "ab\r\ncd\r\n", 10, vek_eol_crlf, {{"ab", ok}, {"cd", ok}, {"", eos}}},
+      {"bare lf is text", "ab\ncd\r\n", 10, vek_eol_crlf, {{"ab\ncd", ok}, {"", eos}}},
+      {"cr at the end", "ab\r", 10, vek_eol_crlf, {{"ab\r", eos}}},
+      // The limit: below, at and above.
+      {"below limit", "abcd\r\n", 5, vek_eol_crlf, {{"abcd", ok}, {"", eos}}},
+      {"at limit", "abcde\r\nf\r\n", 5, vek_eol_crlf, {{"abcde", tl}, {"", ok}, {"f", ok}, {"", eos}}},
+      {"above limit", "abcdefg\r\nh\r\n", 3, vek_eol_crlf,
+       {{"abc", tl}, {"def", tl}, {"g", ok}, {"h", ok}, {"", eos}}},
+      {"above limit lf", "abcdefg\nh", 3, vek_eol_lf, {{"abc", tl}, {"def", tl}, {"g", ok}, {"h", eos}}},
+      {"last line at limit", "abc", 3, vek_eol_lf, {{"abc", tl}, {"", eos}}},
+      {"last line above limit", "abcde", 3, vek_eol_lf, {{"abc", tl}, {"de", eos}}},
+      {"cr lf split by limit", "abc\r\n", 3, vek_eol_crlf, {{"abc", tl}, {"", ok}, {"", eos}}},
+  };
+  for (const auto& c : cases) {
+    auto got = read_all(c.in, c.limit, c.eol);
+    ASSERT_EQ(got.size(), c.want.size()) << c.name;
+    for (size_t i = 0; i < got.size(); ++i) {
+      EXPECT_EQ(got[i].text, c.want[i].text) << c.name << " piece " << i;
+      EXPECT_EQ(got[i].status, c.want[i].status) << c.name << " piece " << i;
+    }
+  }
+}
+
+TEST(Stream, ReadAndSeekAcrossTheEnd) {
+  std::string input = "0123456789";
+  Vek_raw_memory_buffer buffer(input.size(), input.data(), 0);
+  Vek_status status;
+  Vek_buffered_istream in(&buffer, true, status, vek_eol_crlf);
+  char target[16] = {};
+  EXPECT_EQ(in.read(4, target, status), 4u);
+  EXPECT_TRUE(status.ok());
+  EXPECT_EQ(in.read_at(8, 4, target, status), 2u);  // does not move
+  EXPECT_EQ(status.value(), vek_end_of_stream);
+  EXPECT_EQ(in.tell(), 4u);
+  EXPECT_EQ(in.read(16, target, status), 6u);
+  EXPECT_EQ(status.value(), vek_end_of_stream);
+  EXPECT_EQ(std::string(target, 6), "456789");
+
+  in.seek(2, -3, status);  // from the end
+  EXPECT_TRUE(status.ok());
+  EXPECT_EQ(in.tell(), 7u);
+  in.seek(1, -10, status);  // before the start: refused, position kept
+  EXPECT_EQ(status.value(), vek_bad_seek);
+  EXPECT_EQ(in.tell(), 7u);
+  in.seek(100);  // beyond the end is allowed, and reads nothing
+  EXPECT_EQ(in.read(1, target, status), 0u);
+  EXPECT_EQ(status.value(), vek_end_of_stream);
+}
+
+TEST(Stream, OutputGrowsAndEndsLines) {
+  Vek_memory_buffer crlf, lf;
+  Vek_status status;
+  Vek_ostream out3(&crlf, status, vek_eol_crlf);
+  out3.write("ab", status);
+  out3.writeln("c", status);
+  out3.writeln("", status);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(crlf.data()), crlf.size()), "abc\r\n\r\n");
+  EXPECT_EQ(out3.tell(), 7u);
+  Vek_ostream out0(&lf, status, vek_eol_lf);
+  out0.writeln("x", status);
+  EXPECT_EQ(lf.size(), 2u);
+
+  std::string big(100000, 'x');
+  Vek_istream in(&crlf, true, status, vek_eol_crlf);
+  Vek_memory_buffer copy;
+  Vek_ostream out(&copy, status, vek_eol_crlf);
+  out.write(big, status);
+  in.seek(3);
+  vek_copy_stream(in, out, status);
+  EXPECT_TRUE(status.ok());
+  EXPECT_EQ(copy.size(), big.size() + 4);
+}
+
+TEST(Stream, OutputRefusesReadOnlyBuffers) {
+  std::string text = "abc";
+  Vek_raw_memory_buffer raw(text.size(), text.data(), 0);
+  Vek_sub_buffer sub(&raw, 0, vek_to_end);
+  Vek_status status;
+  Vek_ostream a(&raw, status, vek_eol_crlf);
+  EXPECT_EQ(status.value(), vek_not_writable);
+  Vek_ostream b(&sub, status, vek_eol_crlf);
+  EXPECT_EQ(status.value(), vek_not_writable);
+  Vek_ostream c(nullptr, status, vek_eol_crlf);
+  EXPECT_EQ(status.value(), vek_bad_argument);
+  c.write("x", status);
+  EXPECT_FALSE(status.ok());
+}
+
+}  // namespace

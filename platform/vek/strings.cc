@@ -1,0 +1,113 @@
+// String helpers of the base library stand-in. Case mapping and white space
+// are ASCII only: mail headers are bytes, and their keywords are ASCII.
+#include <cstring>
+#include <mutex>
+
+#include "contracts/vek.h"
+
+namespace {
+
+template <class Char>
+Char lower_ascii(Char c) {
+  return (c >= 'A' && c <= 'Z') ? static_cast<Char>(c + ('a' - 'A')) : c;
+}
+
+template <class Char>
+Char upper_ascii(Char c) {
+  return (c >= 'a' && c <= 'z') ? static_cast<Char>(c - ('a' - 'A')) : c;
+}
+
+template <class Char>
+bool is_space(Char c) {
+  return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
+}
+
+template <class View>
+bool equal_nc(View a, View b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i)
+    if (lower_ascii(a[i]) != lower_ascii(b[i])) return false;
+  return true;
+}
+
+template <class View>
+bool blank(View text) {
+  for (auto c : text)
+    if (!is_space(c)) return false;
+  return true;
+}
+
+}  // namespace
+
+Vek_wstring vek_stow(std::string_view text) {
+  Vek_wstring wide(text.size(), u'\0');
+  for (size_t i = 0; i < text.size(); ++i) wide[i] = static_cast<unsigned char>(text[i]);
+  return wide;
+}
+
+std::string vek_wtos(std::u16string_view text) {
+  std::string narrow(text.size(), '\0');
+  for (size_t i = 0; i < text.size(); ++i) narrow[i] = text[i] > 0xFF ? '?' : static_cast<char>(text[i]);
+  return narrow;
+}
+
+void vek_upper(std::string& text) {
+  for (auto& c : text) c = upper_ascii(c);
+}
+
+void vek_upper(Vek_wstring& text) {
+  for (auto& c : text) c = upper_ascii(c);
+}
+
+void vek_lower(std::string& text) {
+  for (auto& c : text) c = lower_ascii(c);
+}
+
+void vek_trim(std::string& text) {
+  size_t end = text.size();
+  while (end > 0 && is_space(text[end - 1])) --end;
+  size_t start = 0;
+  while (start < end && is_space(text[start])) ++start;
+  if (start == 0 && end == text.size()) return;
+  text.assign(text, start, end - start);
+}
+
+bool vek_string_equal_nc(std::string_view a, std::string_view b) { return equal_nc(a, b); }
+
+bool vek_string_equal_nc(std::u16string_view a, std::u16string_view b) { return equal_nc(a, b); }
+
+bool vek_is_blank(std::string_view text) { return blank(text); }
+
+bool vek_is_blank(std::u16string_view text) { return blank(text); }
+
+bool vek_is_number(std::u16string_view text) {
+  if (text.empty()) return false;
+  for (auto c : text)
+    if (c < '0' || c > '9') return false;
+  return true;
+}
+
+std::string vek_unquote(std::string_view text) {
+  if (text.size() >= 2 && text.front() == '"' && text.back() == '"') text = text.substr(1, text.size() - 2);
+  std::string result;
+  result.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\\' && i + 1 < text.size()) ++i;
+    result.push_back(text[i]);
+  }
+  return result;
+}
+
+Vek_wstring vek_itow(int64_t value) { return vek_stow(std::to_string(value)); }
+
+Vek_wstring Vek_path::extension() const {
+  size_t element = path_.find_last_of(u"\\/");
+  size_t start = element == Vek_wstring::npos ? 0 : element + 1;
+  size_t dot = path_.rfind(u'.');
+  if (dot == Vek_wstring::npos || dot < start) return {};
+  return path_.substr(dot + 1);
+}
+
+Vek_critical::Vek_critical(bool locked) {
+  if (locked) mutex_.lock();
+}
