@@ -1,0 +1,54 @@
+// Properties and type identifiers (stand-in of the host's property library).
+#include <cstdio>
+
+#include "contracts/tav.h"
+
+Tav_property::Tav_property(Vek_wstring name, int32_t value)
+    : name_(std::move(name)), type_(type_integer), integer_(value) {}
+
+Tav_property::Tav_property(Vek_wstring name, bool value)
+    : name_(std::move(name)), type_(type_bool), integer_(value ? 1 : 0) {}
+
+Tav_property::Tav_property(Vek_wstring name, Vek_wstring value)
+    : name_(std::move(name)), type_(type_string), string_(std::move(value)) {}
+
+void Tav_property::set_string(Vek_wstring value) {
+  type_ = type_string;
+  integer_ = 0;
+  string_ = std::move(value);
+}
+
+Tav_property* Tav_property_list::find(std::u16string_view name) const {
+  for (const auto& property : items_)
+    if (vek_string_equal_nc(property->name(), name)) return property.get();
+  return nullptr;
+}
+
+void Tav_property_list::add(Vek_wstring name, Vek_wstring value) {
+  items_.push_back(std::make_unique<Tav_property>(std::move(name), std::move(value)));
+}
+
+void Tav_property_list::add(const Tav_property& property) { items_.push_back(std::make_unique<Tav_property>(property)); }
+
+void Tav_property_list::set(const Tav_property& property) {
+  if (Tav_property* old = find(property.name())) {
+    *old = property;
+    return;
+  }
+  add(property);
+}
+
+void tav_type_to_string(const Tav_guid& type, Vek_wstring& text) {
+  char narrow[40];
+  std::snprintf(narrow, sizeof narrow, "{%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", type.data1, type.data2,
+                type.data3, type.data4[0], type.data4[1], type.data4[2], type.data4[3], type.data4[4], type.data4[5],
+                type.data4[6], type.data4[7]);
+  text = vek_stow(narrow);
+}
+
+bool tav_is_equal_type(const Tav_guid& a, const Tav_guid& b) {
+  if (a.data1 != b.data1 || a.data2 != b.data2 || a.data3 != b.data3) return false;
+  for (int i = 0; i < 8; ++i)
+    if (a.data4[i] != b.data4[i]) return false;
+  return true;
+}
