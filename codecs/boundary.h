@@ -1,0 +1,32 @@
+// Boundary matching: tells the delimiter lines of a multipart body from all
+// other lines.
+//
+// An Smtp_boundary holds one boundary value (a copy of its own) and is a
+// plain value: the part walker and the MIME handler copy it freely. It owns
+// nothing else and changes nothing when it matches.
+#ifndef SMTPFM_CODECS_BOUNDARY_H_
+#define SMTPFM_CODECS_BOUNDARY_H_
+
+#include <string>
+#include <string_view>
+
+class Smtp_boundary {
+ public:
+  // Keeps `text`, the boundary value, and decides once whether blanks in a
+  // delimiter line are dropped before the comparison.
+  explicit Smtp_boundary(std::string text);
+
+  // True if `line` (without its line end) is a delimiter of this boundary;
+  // sets `closing` for a closing delimiter, clears it for a line of the
+  // closing length that does not close, and leaves it alone otherwise.
+  bool match_line(std::string_view line, bool& closing) const;
+
+  const std::string& text() const { return text_; }
+  bool tolerant() const { return tolerant_; }
+
+ private:
+  std::string text_;
+  bool tolerant_;
+};
+
+#endif  // SMTPFM_CODECS_BOUNDARY_H_
