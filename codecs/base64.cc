@@ -1,1 +1,224 @@
-// Placeholder until this file's code lands.
+// Base64 (RFC 1521, section 5.2): groups of four characters of a 64-letter
+// alphabet carry three bytes; "=" pads the last group, and "characters not
+// in the alphabet are to be ignored".
+//
+// Where this decoder knowingly deviates from the RFC:
+//   - only blanks are ignored; any other byte outside the alphabet, CR and
+//     LF apart, is bad data, as the RFC's advice on errors allows;
+//   - a CR, an LF or a zero byte ends the data of its line, whatever follows;
+//   - the first "=" ends all data, in any place of a group, and nothing
+//     behind it is looked at;
+//   - data that end inside a group without a "=" are bad, and the bytes
+//     decoded so far are dropped.
+#include "codecs/base64.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+namespace {
+
+// Lines are read in pieces of this size; a longer line is bad data.
+constexpr uint32_t line_limit = 1024;
+// The decoder's output goes through a buffer of this fixed size.
+constexpr size_t output_block = 16384;
+// The encoder reads this much at a time: whole output lines of input.
+constexpr size_t input_block = smtp_base64_line_bytes * 18;
+
+constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// Entries of the stream table beside the values 0 to 63.
+constexpr uint8_t skip = 0xfd;         // blank: ignored
+constexpr uint8_t end_of_line = 0xfe;  // CR, LF, zero byte: the rest of the line is no data
+constexpr uint8_t end_of_data = 0xfc;  // "=": no data follow at all
+constexpr uint8_t invalid = 0xff;
+
+constexpr std::array<uint8_t, 256> make_table() {
+  std::array<uint8_t, 256> table{};
+  for (auto& entry : table) entry = invalid;
+  for (int i = 0; i < 64; ++i) table[static_cast<uint8_t>(alphabet[i])] = static_cast<uint8_t>(i);
+  table['\t'] = skip;
+  table[' '] = skip;
+  table[0] = end_of_line;
+  table['\n'] = end_of_line;
+  table['\r'] = end_of_line;
+  table['='] = end_of_data;
+  return table;
+}
+constexpr std::array<uint8_t, 256> table = make_table();
+
+// The decoder's state: it outlives a line, since a group of four
+// characters may be spread over several.
+struct Decoder {
+  explicit Decoder(Vek_ostream& out) : out(out), bytes(new uint8_t[output_block]) {}
+
+  // Writes out the buffer; false, with `failure` set, if that fails.
+  bool flush() {
+    if (used != 0) out.write(used, bytes.get(), failure);
+    used = 0;
+    return failure.ok();
+  }
+
+  enum Stop { go_on, padding, bad_byte, write_failed };
+
+  // Decodes the data of one line.
+  Stop line(const uint8_t* p, const uint8_t* end) {
+    while (p < end) {
+      // Whole groups of four values, while the buffer has room for them.
+      if (group == 0) {
+        size_t groups = std::min<size_t>((end - p) / 4, (output_block - used) / 3);
+        uint8_t* o = bytes.get() + used;
+        while (groups != 0) {
+          const uint32_t a = table[p[0]], b = table[p[1]], c = table[p[2]], d = table[p[3]];
+          if ((a | b | c | d) & 0xc0) break;
+          const uint32_t bits = a << 18 | b << 12 | c << 6 | d;
+          o[0] = static_cast<uint8_t>(bits >> 16);
+          o[1] = static_cast<uint8_t>(bits >> 8);
+          o[2] = static_cast<uint8_t>(bits);
+          o += 3;
+          p += 4;
+          --groups;
+        }
+        used = o - bytes.get();
+        if (output_block - used < 3 && !flush()) return write_failed;
+        if (p == end) break;
+      }
+      // One byte at a time: blanks, a group that spans lines, the end.
+      const uint8_t value = table[*p++];
+      if (value < 64) {
+        switch (group) {
+          case 0:
+            break;
+          case 1:
+            bytes[used++] = static_cast<uint8_t>(previous << 2 | value >> 4);
+            break;
+          case 2:
+            bytes[used++] = static_cast<uint8_t>(previous << 4 | value >> 2);
+            break;
+          case 3:
+            bytes[used++] = static_cast<uint8_t>(previous << 6 | value);
+            break;
+        }
+        previous = value;
+        group = (group + 1) & 3;
+        if (output_block - used < 3 && !flush()) return write_failed;
+      } else if (value == end_of_line) {
+        break;
+      } else if (value == end_of_data) {
+        return padding;
+      } else if (value == invalid) {
+        return bad_byte;
+      }
+    }
+    return go_on;
+  }
+
+  Vek_ostream& out;
+  std::unique_ptr<uint8_t[]> bytes;
+  size_t used = 0;
+  unsigned group = 0;    // place in the group of four: 0 to 3
+  uint8_t previous = 0;  // the value before, whose low bits are not yet out
+  Vek_status failure;
+};
+
+}  // namespace
+
+uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64_t length,
+                       Vek_status& status) {
+  status.clear();
+  in.seek(0, static_cast<int64_t>(std::min<uint64_t>(start, INT64_MAX)), status);
+  if (!status.ok()) return out.tell();
+  const uint64_t stop_at = length > UINT64_MAX - start ? UINT64_MAX : start + length;
+  Decoder decoder(out);
+  Decoder::Stop stop = Decoder::go_on;
+  bool data_ended = true;  // false when decoding stopped for another reason
+  std::string_view line;
+  while (stop == Decoder::go_on && in.tell() < stop_at) {
+    in.readln_view(line_limit, line, status);
+    bool last = false;
+    if (status == vek_line_too_long) {
+      if (line.size() >= line_limit) {
+        status = smtp_bad_base64;
+        data_ended = false;
+        break;
+      }
+      status.clear();
+    } else if (status == vek_end_of_stream) {
+      status.clear();
+      last = true;
+    } else if (!status.ok()) {
+      data_ended = false;
+      break;
+    }
+    const auto* p = reinterpret_cast<const uint8_t*>(line.data());
+    stop = decoder.line(p, p + line.size());
+    if (last) break;
+  }
+  if (stop == Decoder::bad_byte) {
+    status = smtp_bad_base64;
+  } else if (stop == Decoder::write_failed) {
+    status = decoder.failure;
+    return out.tell();
+  } else if (stop == Decoder::go_on && data_ended && decoder.group != 0) {
+    // The data end inside a group: what was decoded goes nowhere.
+    status = smtp_bad_base64;
+    return out.tell();
+  }
+  if (!decoder.flush() && status.ok()) status = decoder.failure;
+  return out.tell();
+}
+
+void encode_base64(Vek_istream& in, Vek_ostream& out, uint64_t length, Vek_status& status) {
+  status.clear();
+  if (length == 0) return;
+  std::array<uint8_t, input_block> input;
+  char line[smtp_base64_line];
+  Vek_status written;
+  uint64_t done = 0;
+  bool ended = false;
+  while (done < length && !ended) {
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(length - done, input_block));
+    const size_t n = in.read(want, input.data(), status);
+    if (status == vek_end_of_stream || status == vek_line_too_long) {
+      ended = status == vek_end_of_stream || n == 0;
+      status.clear();
+    } else if (!status.ok()) {
+      return;
+    } else if (n == 0) {
+      ended = true;
+    }
+    done += n;
+    // Whole lines of 57 bytes; a shorter line only at the end.
+    for (size_t at = 0; at < n; at += smtp_base64_line_bytes) {
+      const size_t count = std::min(n - at, smtp_base64_line_bytes);
+      const uint8_t* p = input.data() + at;
+      char* o = line;
+      size_t i = 0;
+      for (; i + 3 <= count; i += 3) {
+        const uint32_t bits = uint32_t{p[i]} << 16 | uint32_t{p[i + 1]} << 8 | p[i + 2];
+        o[0] = alphabet[bits >> 18];
+        o[1] = alphabet[(bits >> 12) & 0x3f];
+        o[2] = alphabet[(bits >> 6) & 0x3f];
+        o[3] = alphabet[bits & 0x3f];
+        o += 4;
+      }
+      if (i < count) {
+        // One byte left gives two characters and "=="; two give three and "=".
+        const uint32_t bits = uint32_t{p[i]} << 16 | (i + 1 < count ? uint32_t{p[i + 1]} << 8 : 0);
+        o[0] = alphabet[bits >> 18];
+        o[1] = alphabet[(bits >> 12) & 0x3f];
+        o[2] = i + 1 < count ? alphabet[(bits >> 6) & 0x3f] : '=';
+        o[3] = '=';
+        o += 4;
+      }
+      out.writeln(std::string_view(line, o - line), written);
+      if (!written.ok()) {
+        status = written;
+        return;
+      }
+    }
+  }
+  if (ended && done < length) status = smtp_base64_encoder_end;
+}

@@ -1,0 +1,30 @@
+// Base64 content transfer encoding (RFC 1521, section 5.2), on the base
+// library's streams.
+//
+// The caller owns both streams; the codecs keep nothing between calls and
+// free their buffers on every way out. Each clears the status it is given
+// and reports through it.
+#ifndef SMTPFM_CODECS_BASE64_H_
+#define SMTPFM_CODECS_BASE64_H_
+
+#include <cstdint>
+
+#include "contracts/vek.h"
+
+// Encoded characters on one output line (RFC 1521: at most 76), from 57
+// input bytes.
+inline constexpr size_t smtp_base64_line = 76;
+inline constexpr size_t smtp_base64_line_bytes = 57;
+
+// Decodes the lines of `in` from `start` while they begin within `length`
+// bytes of it, onto `out`; returns the output's position. The first "="
+// ends the data. Bad data give smtp_bad_base64.
+uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64_t length,
+                       Vek_status& status);
+
+// Encodes `length` bytes of `in` from its position onto `out`, in lines of
+// 76 characters, each ended with `out`'s writeln. A stream that ends
+// before `length` bytes gives smtp_base64_encoder_end.
+void encode_base64(Vek_istream& in, Vek_ostream& out, uint64_t length, Vek_status& status);
+
+#endif  // SMTPFM_CODECS_BASE64_H_
