@@ -1,0 +1,268 @@
+// The frame lines of uuencoded blocks, as the encoders of the day wrote
+// them and as mail clients quote them:
+//
+//   begin 644 name.zip        mode of three octal digits, then the name
+//   table                     xxencode and friends: a private alphabet of
+//   <rows of 64 bytes>        64 bytes on the lines that follow
+//   section 2 of file ...     multi-part encoders: a new number moves on,
+//                             the same number again closes what came before
+//   sum -r/size 1234          a checksum line that closes a part
+//   end                       closes the block
+//
+// A reply quotes a block behind "> " or similar, so keywords are searched
+// anywhere in the first 90 bytes of a line, and the closing lines are
+// looked for from the column of the keyword that opened the frame. Data
+// lines are never judged: whatever the encoding, a frame that closes is a
+// block.
+#include "encoding/block_scanner.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+// Lines are read in pieces of this size; a longer line ends the scan.
+constexpr uint32_t smtp_scan_line_limit = 1024;
+// A keyword counts only if its last byte stands within the first 90 bytes
+// of the line ("begin" at 85, "section" at 83, "end" at 87 at the latest).
+// Only the first occurrence of a keyword is tried, so the search never needs
+// to look further than this: past it, the first occurrence is refused anyway.
+constexpr size_t smtp_keyword_zone = 90;
+// The longest file name kept from a "begin" line. A line of 1024 bytes can
+// hold a longer one; the first 255 bytes are kept and the rest is dropped.
+// The name is only a label of the descriptor, so nothing is lost that the
+// cut of a body needs.
+constexpr size_t smtp_max_file_name = 255;
+// The longest digit run of a "section" line. A longer run makes no section
+// line at all (the line then counts as text). Within the limit the value
+// saturates at 0xFFFFFFFF, so that no run can overflow the field; two runs
+// both beyond that value then count as the same section.
+constexpr size_t smtp_max_section_digits = 99;
+// A file mode is three octal digits; two or four make no frame line.
+constexpr size_t smtp_mode_digits = 3;
+
+inline bool is_white(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+inline bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+// Characters that cannot stand in a file name on the systems that wrote
+// these blocks; the name ends at the first of them, or at a zero byte.
+inline bool ends_file_name(char c) {
+  switch (c) {
+    case '\0':
+    case '\\':
+    case '/':
+    case ':':
+    case '*':
+    case '?':
+    case '"':
+    case '<':
+    case '>':
+    case '|':
+      return true;
+    default:
+      return false;
+  }
+}
+
+size_t skip_white(std::string_view line, size_t at) {
+  while (at < line.size() && is_white(line[at])) ++at;
+  return at;
+}
+
+// Counts the digits at `at`, but no more than `most` + 1 of them.
+size_t count_digits(std::string_view line, size_t at, size_t most) {
+  size_t count = 0;
+  while (count <= most && at + count < line.size() && is_digit(line[at + count])) ++count;
+  return count;
+}
+
+// Position of the first occurrence of `word` at or behind `from`, if it
+// ends within the keyword zone; npos otherwise.
+size_t find_keyword(std::string_view line, std::string_view word, size_t from) {
+  std::string_view zone = line.substr(0, std::min(line.size(), smtp_keyword_zone));
+  if (from >= zone.size()) return std::string_view::npos;
+  return zone.find(word, from);
+}
+
+// A "begin" line: the keyword, optional white space, exactly three digits,
+// optional white space and a file name. Sets `column` to the keyword's
+// position, and `file_name` if the line has a name.
+bool begin_test(std::string_view line, uint32_t& column, std::string& file_name) {
+  size_t at = find_keyword(line, "begin", 0);
+  if (at == std::string_view::npos) return false;
+  size_t digits_at = skip_white(line, at + 5);
+  if (count_digits(line, digits_at, smtp_mode_digits) != smtp_mode_digits) return false;
+  column = static_cast<uint32_t>(at);
+
+  size_t name_at = skip_white(line, digits_at + smtp_mode_digits);
+  size_t name_end = name_at;
+  while (name_end < line.size() && !ends_file_name(line[name_end])) ++name_end;
+  size_t length = std::min(name_end - name_at, smtp_max_file_name);
+  while (length > 0 && is_white(line[name_at + length - 1])) --length;
+  if (length > 0) file_name.assign(line.data() + name_at, length);
+  return true;
+}
+
+// A "table" line: the 64 bytes of the alphabet follow on the next lines,
+// from the keyword's column on. The rows are consumed whether the test
+// passes or not.
+bool table_test(std::string_view line, Vek_istream& stream, uint32_t& column,
+                char (&table)[Smtp_block_record::table_size + 1]) {
+  size_t at = find_keyword(line, "table", 0);
+  if (at == std::string_view::npos) return false;
+  char gathered[Smtp_block_record::table_size];
+  size_t count = 0;
+  Vek_status status;
+  while (count < Smtp_block_record::table_size) {
+    std::string_view row;
+    stream.readln_view(smtp_scan_line_limit, row, status);
+    // The text that came with the status is used first: a last row without
+    // a line end still counts.
+    if (row.size() > at) {
+      std::string_view rest = row.substr(at);
+      rest = rest.substr(0, rest.find('\n'));
+      size_t take = std::min(rest.size(), Smtp_block_record::table_size - count);
+      std::memcpy(gathered + count, rest.data(), take);
+      count += take;
+    }
+    if (count < Smtp_block_record::table_size && !status.ok()) return false;
+  }
+  std::memcpy(table, gathered, sizeof gathered);
+  table[Smtp_block_record::table_size] = '\0';
+  column = static_cast<uint32_t>(at);
+  return true;
+}
+
+// A "section" line: the keyword, optional white space and a number.
+bool section_test(std::string_view line, uint32_t& number) {
+  size_t at = find_keyword(line, "section", 0);
+  if (at == std::string_view::npos) return false;
+  size_t digits_at = skip_white(line, at + 7);
+  size_t digits = count_digits(line, digits_at, smtp_max_section_digits);
+  if (digits == 0 || digits > smtp_max_section_digits) return false;
+  uint64_t value = 0;
+  for (size_t i = 0; i < digits; ++i)
+    value = std::min<uint64_t>(value * 10 + static_cast<uint64_t>(line[digits_at + i] - '0'), 0xFFFFFFFFu);
+  number = static_cast<uint32_t>(value);
+  return true;
+}
+
+}  // namespace
+
+void Smtp_block_record::reset() {
+  section = 1;
+  column = 0;
+  std::memset(table, 0, sizeof table);
+  data_start = 0;
+  end_position = 0;
+  begin_position = 0;
+  table_position = 0;
+  open = false;
+  closed = false;
+  encoded = false;
+}
+
+bool Smtp_block_scanner::scan(Vek_istream& stream) {
+  Smtp_block_record w;
+  std::string file_name;
+  uint32_t column = 0;
+  bool found = false;
+  bool in_text = false;
+  Vek_status status;
+
+  auto push_copy = [this](const Smtp_block_record& record) {
+    queue_.push_back(std::make_unique<Smtp_block_record>(record));
+  };
+  // The text that stood in front of a "begin" line (or that an unclosed
+  // frame turned out to be) becomes a record of its own. A table read just
+  // before the block belongs to the block, so the text ends at the table.
+  auto push_text = [&](uint64_t end) {
+    w.end_position = w.has_table() ? w.table_position : end;
+    w.open = true;
+    w.closed = true;
+    w.name = "text";
+    auto copy = std::make_unique<Smtp_block_record>(w);
+    std::memset(copy->table, 0, sizeof copy->table);
+    copy->table_position = 0;
+    queue_.push_back(std::move(copy));
+  };
+
+  for (;;) {
+    uint64_t line_start = stream.tell();
+    std::string_view line;
+    stream.readln_view(smtp_scan_line_limit, line, status);
+    if (!line.empty()) {
+      uint32_t number = 0;
+      if (begin_test(line, column, file_name)) {
+        if (in_text || w.open) push_text(line_start);
+        w.begin_position = line_start;
+        w.open = true;
+        w.section = 1;
+        in_text = false;
+        // A table stays with its block only if its keyword stood in the
+        // same column as "begin", that is, behind the same quote prefix.
+        if (column != w.column) {
+          w.column = column;
+          std::memset(w.table, 0, sizeof w.table);
+          w.table_position = 0;
+        }
+        w.name = file_name;
+        w.closed = false;
+        w.data_start = stream.tell();
+      } else if (find_keyword(line, "end", column) != std::string_view::npos) {
+        // An "end" with no open frame is ordinary text, but starts no
+        // stretch of it either.
+        if (w.open) {
+          w.end_position = line_start;
+          found = true;
+          w.encoded = true;
+          w.closed = true;
+          push_copy(w);
+          w.reset();
+        }
+      } else if (table_test(line, stream, column, w.table)) {
+        w.table_position = line_start;
+        w.column = column;
+      } else if (section_test(line, number)) {
+        if (w.open && !w.closed) {
+          if (number != w.section) {
+            w.data_start = stream.tell();
+            w.section = number;
+          } else {
+            w.end_position = line_start;
+            w.encoded = true;
+            push_copy(w);
+          }
+        }
+      } else if (find_keyword(line, "sum", column) != std::string_view::npos) {
+        if (w.open && !w.closed) {
+          w.end_position = line_start;
+          w.encoded = true;
+          push_copy(w);
+        }
+      } else if (!w.open && !in_text) {
+        w.data_start = line_start;
+        in_text = true;
+        w.encoded = false;
+      }
+    }
+    if (!status.ok()) break;
+  }
+
+  // A line over the limit ends the scan like the end of the data does: the
+  // rest of such a body is no text that an encoder would have written. A
+  // frame still open here never closed, and is no block.
+  if (status == vek_end_of_stream || status == vek_line_too_long) {
+    if (found && in_text) push_text(stream.tell());
+    status.clear();
+  }
+  return found;
+}
+
+std::unique_ptr<Smtp_block_record> Smtp_block_scanner::next_block() {
+  if (queue_.empty()) return nullptr;
+  std::unique_ptr<Smtp_block_record> first = std::move(queue_.front());
+  queue_.pop_front();
+  return first;
+}
