@@ -1,1 +1,181 @@
-// Placeholder until this file's code lands.
+// Walking a multipart body (RFC 1521, section 7.2.1):
+//
+//   multipart-body := preamble 1*encapsulation close-delimiter epilogue
+//   encapsulation  := delimiter body-part CRLF
+//   delimiter      := CRLF "--" boundary
+//
+// The CRLF in front of "--" belongs to the delimiter, not to the part
+// before it, so a walk that stops at a delimiter leaves that line break
+// out of the part.
+//
+// Where this code knowingly deviates from the RFC:
+//   - a delimiter is told by its line alone (see Smtp_boundary); the
+//     preamble and epilogue are not treated apart from the parts;
+//   - a line longer than one piece is never a delimiter, and text that
+//     looks like one further on in such a line is none either;
+//   - skip_to_part_delimiter counts two bytes for the line break in front
+//     of a delimiter without looking at them, so a body with bare LF line
+//     ends loses the last byte of each part.
+#include "reader/part_walker.h"
+
+namespace {
+
+// Reads the next piece of a line and settles the status as every walk
+// takes it: a last line without a line end is a whole line (status
+// cleared); vek_line_too_long stays only for a full piece of a longer
+// line; vek_end_of_stream stays only when no text came.
+void read_piece(Vek_istream& stream, std::string_view& text, Vek_status& status) {
+  stream.readln_view(smtp_max_body_line, text, status);
+  if ((status == vek_line_too_long && text.size() < smtp_max_body_line) ||
+      (status == vek_end_of_stream && !text.empty())) {
+    status.clear();
+  }
+}
+
+// A failed write ends a walk with the status of the write, unless the read
+// had already failed on its own.
+bool take_write_failure(const Vek_status& written, Vek_status& status) {
+  if (written.ok()) return false;
+  if (status.ok() || status == vek_end_of_stream || status == vek_line_too_long) status = written;
+  return true;
+}
+
+// Only a line that begins with '-' can be a delimiter; the walks ask the
+// boundary about no other.
+bool is_delimiter(std::string_view text, const Smtp_boundary& boundary) {
+  return !text.empty() && text[0] == '-' && classify_part_line(text, &boundary) != smtp_no_delimiter;
+}
+
+}  // namespace
+
+uint32_t classify_part_line(std::string_view line, const Smtp_boundary* boundary) {
+  if (line.empty() || boundary == nullptr) return smtp_no_delimiter;
+  bool closing = false;
+  if (!boundary->match_line(line, closing)) return smtp_no_delimiter;
+  return closing ? smtp_closing_delimiter : smtp_delimiter;
+}
+
+void find_part_delimiter(Vek_istream& stream, Smtp_boundary boundary, bool& end, bool& found,
+                         Vek_status& status) {
+  status.clear();
+  end = false;
+  found = false;
+  std::string_view text;
+  bool inside_long_line = false;  // the last piece did not end its line
+  for (;;) {
+    read_piece(stream, text, status);
+    if (status == vek_line_too_long) {
+      inside_long_line = true;
+      continue;
+    }
+    if (!status.ok()) break;
+    if (!inside_long_line) {
+      const uint32_t kind = classify_part_line(text, &boundary);
+      if (kind != smtp_no_delimiter) {
+        found = true;
+        end = kind == smtp_closing_delimiter;
+        return;
+      }
+    }
+    inside_long_line = false;
+  }
+  if (status == vek_end_of_stream) {
+    status.clear();
+    end = true;
+  }
+}
+
+void skip_to_part_delimiter(Vek_istream& stream, const Smtp_boundary& boundary, Vek_status& status) {
+  status.clear();
+  std::string_view text;
+  for (;;) {
+    const uint64_t line_start = stream.tell();
+    read_piece(stream, text, status);
+    if (!status.ok() && status != vek_line_too_long) break;
+    if (is_delimiter(text, boundary)) {
+      status.clear();
+      // Two bytes back, to the CR LF that belongs to the delimiter; no
+      // further than the start, where no line break stands in front.
+      stream.seek(line_start >= 2 ? line_start - 2 : 0);
+      return;
+    }
+    while (status == vek_line_too_long) read_piece(stream, text, status);
+    if (!status.ok()) break;
+  }
+  if (status == vek_end_of_stream) status.clear();
+}
+
+void copy_to_part_delimiter(Vek_istream& stream, Vek_ostream& out, const Smtp_boundary& boundary,
+                            Vek_status& status) {
+  status.clear();
+  Vek_status written;
+  std::string_view text;
+  // The last piece of the line before, and whether that line is still to
+  // be finished. Its text goes out together with its line end once the
+  // next line shows that it is not the last one in front of a delimiter;
+  // `held` views the input, which nothing writes to during the walk.
+  std::string_view held;
+  bool pending = false;
+  for (;;) {
+    const uint64_t line_start = stream.tell();
+    read_piece(stream, text, status);
+    if (!status.ok() && status != vek_line_too_long) break;
+    if (is_delimiter(text, boundary)) {
+      status.clear();
+      stream.seek(line_start);
+      if (pending) {
+        out.write(held, written);
+        take_write_failure(written, status);
+      }
+      return;
+    }
+    if (pending) {
+      out.writeln(held, written);
+      pending = false;
+      if (take_write_failure(written, status)) return;
+    }
+    // The pieces of an over-long line go out as they come, with nothing
+    // between them.
+    while (status == vek_line_too_long) {
+      status.clear();
+      out.write(text, written);
+      if (take_write_failure(written, status)) return;
+      read_piece(stream, text, status);
+    }
+    held = text;
+    pending = true;
+    if (!status.ok()) break;
+  }
+  if (!pending) {
+    if (status == vek_end_of_stream) status.clear();
+    return;
+  }
+  if (status == vek_end_of_stream) {
+    // The data end: the last line gets its line end after all.
+    status.clear();
+    out.writeln(held, written);
+  } else {
+    out.write(held, written);
+  }
+  take_write_failure(written, status);
+}
+
+void copy_remaining_lines(Vek_istream& stream, Vek_ostream& out, Vek_status& status) {
+  status.clear();
+  Vek_status written;
+  std::string_view text;
+  for (;;) {
+    read_piece(stream, text, status);
+    if (!status.ok() && status != vek_line_too_long) break;
+    while (status == vek_line_too_long) {
+      status.clear();
+      out.write(text, written);
+      if (take_write_failure(written, status)) return;
+      read_piece(stream, text, status);
+    }
+    out.writeln(text, written);
+    if (take_write_failure(written, status)) return;
+    if (!status.ok()) break;
+  }
+  if (status == vek_end_of_stream) status.clear();
+}

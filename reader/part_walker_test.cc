@@ -1,1 +1,147 @@
-// Placeholder until this file's code lands.
+#include "reader/part_walker.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const Smtp_boundary abc("abc");
+const std::string x2048(2048, 'x'), x5000(5000, 'x');
+
+// A stream over `text` and an output, both with CR LF line ends.
+struct Walk {
+  explicit Walk(std::string_view text, uint64_t start = 0)
+      : input(text.size(), text.data(), 0),
+        in(&input, true, status, vek_eol_crlf),
+        out(&output, status, vek_eol_crlf) {
+    in.seek(start);
+  }
+  std::string written() const {
+    return std::string(reinterpret_cast<const char*>(output.data()), output.size());
+  }
+
+  Vek_status status;
+  Vek_raw_memory_buffer input;
+  Vek_buffered_istream in;
+  Vek_memory_buffer output;
+  Vek_ostream out;
+};
+
+TEST(PartWalker, ClassifyLine) {
+  EXPECT_EQ(classify_part_line("--abc", nullptr), smtp_no_delimiter);
+  EXPECT_EQ(classify_part_line("", &abc), smtp_no_delimiter);
+  EXPECT_EQ(classify_part_line("--", &abc), smtp_no_delimiter);
+  EXPECT_EQ(classify_part_line("--abc ", &abc), smtp_delimiter);
+  EXPECT_EQ(classify_part_line("--abc--", &abc), smtp_closing_delimiter);
+}
+
+TEST(PartWalker, FindLeavesTheStreamBehindTheDelimiter) {
+  struct Case {
+    const char* name;
+    std::string in;
+    bool found, end;
+    uint64_t position;
+  };
+  const std::vector<Case> cases = {
+      {"delimiter on the first line", "--abc\r\ntext\r\n", true, false, 7},
+      {"closing delimiter without a line end", "a\r\n--abcd\r\n--\r\n--abc--", true, true, 22},
+      {"no delimiter", "a\r\n--abc-\r\n", false, true, 11},
+      {"empty data", "", false, true, 0},
+      {"delimiter 2048 bytes into a line", x2048 + "--abc\r\n--abc--\r\n", true, true, 2048 + 16},
+      {"first piece of a long line", "--abc" + std::string(3000, ' ') + "\r\n", false, true, 3007},
+  };
+  for (const auto& c : cases) {
+    Walk walk(c.in);
+    bool end = false, found = true;
+    find_part_delimiter(walk.in, abc, end, found, walk.status);
+    EXPECT_EQ(walk.status, vek_ok) << c.name;
+    EXPECT_EQ(found, c.found) << c.name;
+    EXPECT_EQ(end, c.end) << c.name;
+    EXPECT_EQ(walk.in.tell(), c.position) << c.name;
+  }
+}
+
+TEST(PartWalker, SkipLeavesTheStreamInFrontOfTheLineBreak) {
+  struct Case {
+    const char* name;
+    std::string in;
+    uint64_t start, position;
+  };
+  const std::vector<Case> cases = {
+      {"lines of a part", "a\r\n-b\r\n--abc\r\n", 0, 5},
+      {"empty part", "--abc\r\n--abc--\r\n", 7, 5},
+      {"delimiter at the start goes no further back", "--abc\r\n", 0, 0},
+      {"no delimiter: the end", "a\r\nb", 0, 4},
+      {"delimiter 2048 bytes into a line", x2048 + "--abc\r\n--abc\r\n", 0, 2048 + 5},
+      {"first piece of a long line is classified", "a\r\n--abc" + std::string(3000, ' '), 0, 1},
+  };
+  for (const auto& c : cases) {
+    Walk walk(c.in, c.start);
+    skip_to_part_delimiter(walk.in, abc, walk.status);
+    EXPECT_EQ(walk.status, vek_ok) << c.name;
+    EXPECT_EQ(walk.in.tell(), c.position) << c.name;
+  }
+}
+
+TEST(PartWalker, CopyGivesTheLastLineBreakToTheDelimiter) {
+  struct Case {
+    const char* name;
+    std::string in;
+    std::string want;
+    uint64_t position;
+  };
+  const std::vector<Case> cases = {
+      {"lines of a part", "a\r\n--b\r\n--abc\r\nz", "a\r\n--b", 8},
+      {"empty last line", "a\r\n\r\n--abc--", "a\r\n", 5},
+      {"delimiter on the first line", "--abc\r\na", "", 0},
+      {"no delimiter", "a\r\nb\r\n", "a\r\nb\r\n", 6},
+      {"no delimiter, no last line end", "a\r\nb", "a\r\nb\r\n", 4},
+      {"over-long line before a delimiter", "a\r\n" + x5000 + "\r\n--abc\r\n", "a\r\n" + x5000, 5005},
+      {"over-long last line", x5000, x5000 + "\r\n", 5000},
+      {"last line of exactly one piece", x2048, x2048 + "\r\n", 2048},
+      {"empty data", "", "", 0},
+  };
+  for (const auto& c : cases) {
+    Walk walk(c.in);
+    copy_to_part_delimiter(walk.in, walk.out, abc, walk.status);
+    EXPECT_EQ(walk.status, vek_ok) << c.name;
+    EXPECT_EQ(walk.written(), c.want) << c.name;
+    EXPECT_EQ(walk.in.tell(), c.position) << c.name;
+  }
+}
+
+TEST(PartWalker, CopyRemainingEndsEveryLine) {
+  struct Case {
+    const char* name;
+    std::string in;
+    std::string want;
+  };
+  const std::vector<Case> cases = {
+      {"last line without line end", "--abc\r\nb", "--abc\r\nb\r\n"},
+      {"line ends kept", "a\r\n\r\n", "a\r\n\r\n"},
+      {"over-long line", x5000 + "\r\nz", x5000 + "\r\nz\r\n"},
+      {"empty data", "", ""},
+  };
+  for (const auto& c : cases) {
+    Walk walk(c.in);
+    copy_remaining_lines(walk.in, walk.out, walk.status);
+    EXPECT_EQ(walk.status, vek_ok) << c.name;
+    EXPECT_EQ(walk.written(), c.want) << c.name;
+  }
+}
+
+TEST(PartWalker, AFailedWriteEndsACopy) {
+  Vek_status status;
+  const std::string text = "a\r\nb\r\n--abc\r\n";
+  char block[4];
+  Vek_raw_memory_buffer input(text.size(), text.data(), 0), readonly(sizeof block, block, 0);
+  Vek_buffered_istream in(&input, true, status, vek_eol_crlf);
+  Vek_ostream out(&readonly, status, vek_eol_crlf);
+  copy_to_part_delimiter(in, out, abc, status);
+  EXPECT_FALSE(status.ok());
+  EXPECT_EQ(in.tell(), 6u);  // ended at the write of the first line
+  in.seek(0);
+  copy_remaining_lines(in, out, status);
+  EXPECT_FALSE(status.ok());
+}
+
+}  // namespace
