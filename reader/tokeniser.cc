@@ -1,1 +1,223 @@
-// Placeholder until this file's code lands.
+// The lexer works on a span of bytes and a position in it. Every token is a
+// contiguous stretch of the source, so it is found as a range and copied
+// once, when it is appended. The stream operations run the same code over
+// the stream's buffer and seek the stream to where the lexer stopped.
+//
+// Where this lexer knowingly differs from RFC 822:
+// - Control bytes (CR, LF, NUL, DEL, ...) count as white space, so that a
+//   folded value needs no unfolding first and stray controls vanish.
+// - '(' , '"' and '[' open their token in both sets of specials, and a
+//   lone ')' or ']' is a special, never a failure.
+// - A backslash means nothing inside a domain literal.
+// - Comments nest at most smtp_max_comment_depth levels.
+#include "reader/tokeniser.h"
+
+#include <cstring>
+
+namespace {
+
+// A stretch of source bytes under the lexer.
+struct Source {
+  const char* data;
+  size_t size;
+};
+
+inline bool is_skipped(char c) { return (char_class_of(c) & (char_white | char_control)) != 0; }
+
+size_t skip_white(Source src, size_t pos) {
+  while (pos < src.size && is_skipped(src.data[pos])) ++pos;
+  return pos;
+}
+
+// comment = "(" *(ctext / quoted-pair / comment) ")"
+// Expects '(' at `pos`; leaves `pos` behind the matching ')', or where the
+// text ran out.
+uint32_t lex_comment(Source src, size_t& pos) {
+  size_t depth = 1;
+  ++pos;
+  for (;;) {
+    if (pos >= src.size) return smtp_comment_not_closed;
+    const char c = src.data[pos++];
+    if (c == '(') {
+      if (++depth > smtp_max_comment_depth) return smtp_comment_not_closed;
+    } else if (c == '\\') {
+      if (pos >= src.size) return smtp_comment_not_closed;
+      ++pos;
+    } else if (c == ')') {
+      if (--depth == 0) return vek_ok;
+    }
+  }
+}
+
+// quoted-string = <"> *(qtext / quoted-pair) <">
+uint32_t lex_quoted_string(Source src, size_t& pos) {
+  ++pos;
+  for (;;) {
+    if (pos >= src.size) return smtp_quoted_string_not_closed;
+    const char c = src.data[pos++];
+    if (c == '\\') {
+      if (pos >= src.size) return smtp_quoted_string_not_closed;
+      ++pos;
+    } else if (c == '"') {
+      return vek_ok;
+    }
+  }
+}
+
+// domain-literal = "[" *(dtext / quoted-pair) "]", read up to the first ']'
+// whatever stands in front of it.
+uint32_t lex_domain_literal(Source src, size_t& pos) {
+  const void* close = std::memchr(src.data + pos + 1, ']', src.size - pos - 1);
+  if (close == nullptr) {
+    pos = src.size;
+    return smtp_domain_literal_not_closed;
+  }
+  pos = static_cast<size_t>(static_cast<const char*>(close) - src.data) + 1;
+  return vek_ok;
+}
+
+// atom = 1*<any CHAR except specials, SPACE and CTLs>; bytes of 128 and
+// above are atom bytes too.
+size_t lex_atom(Source src, size_t pos, bool rfc822_specials) {
+  const uint32_t stop =
+      char_white | char_control | (rfc822_specials ? char_rfc822_special : char_mime_special);
+  while (pos < src.size && (char_class_of(src.data[pos]) & stop) == 0) ++pos;
+  return pos;
+}
+
+// Reads the token at or behind `pos`. Gives vek_end_of_stream when only
+// white space is left; otherwise the token's type and range.
+uint32_t lex_token(Source src, bool rfc822_specials, size_t& pos, uint32_t& type, size_t& start) {
+  pos = skip_white(src, pos);
+  if (pos >= src.size) return vek_end_of_stream;
+  start = pos;
+  const char c = src.data[pos];
+  if (c == '(') {
+    type = token_comment;
+    return lex_comment(src, pos);
+  }
+  if (c == '"') {
+    type = token_quoted_string;
+    return lex_quoted_string(src, pos);
+  }
+  if (c == '[') {
+    type = token_domain_literal;
+    return lex_domain_literal(src, pos);
+  }
+  if (!is_atom_char(c, rfc822_specials)) {
+    type = token_special;
+    ++pos;
+    return vek_ok;
+  }
+  type = token_atom;
+  pos = lex_atom(src, pos, rfc822_specials);
+  return vek_ok;
+}
+
+// The bytes of the stream's buffer and the stream's position in them.
+Source stream_source(const Vek_istream& stream) {
+  const Vek_buffer* buffer = stream.buffer();
+  if (buffer == nullptr || buffer->size() == 0) return Source{"", 0};
+  return Source{reinterpret_cast<const char*>(buffer->data()), static_cast<size_t>(buffer->size())};
+}
+
+// Runs one of the delimited readers on a stream: skips white space, checks
+// the opening byte and hands the token's bytes to `text`.
+template <typename Lex>
+void read_delimited(Vek_istream& stream, char opening, uint32_t no_opening, Lex lex, std::string& text,
+                    Vek_status& status) {
+  status.clear();
+  text.clear();
+  const Source src = stream_source(stream);
+  if (stream.tell() >= src.size) {
+    status = no_opening;
+    return;
+  }
+  size_t pos = skip_white(src, static_cast<size_t>(stream.tell()));
+  stream.seek(pos);
+  if (pos >= src.size || src.data[pos] != opening) {
+    status = no_opening;
+    return;
+  }
+  const size_t start = pos;
+  const uint32_t code = lex(src, pos);
+  text.assign(src.data + start, pos - start);
+  stream.seek(pos);
+  if (code != vek_ok) status = code;
+}
+
+}  // namespace
+
+void tokenise_field(std::string_view value, bool rfc822_specials, bool keep_comments, Smtp_token_list& tokens,
+                    Vek_status& status) {
+  status.clear();
+  tokens.clear();
+  const Source src{value.data(), value.size()};
+  size_t pos = 0;
+  for (;;) {
+    uint32_t type = token_atom;
+    size_t start = 0;
+    const uint32_t code = lex_token(src, rfc822_specials, pos, type, start);
+    if (code == vek_end_of_stream) return;
+    if (code != vek_ok) {
+      status = code;
+      return;
+    }
+    if (type != token_comment || keep_comments) tokens.append(type, value.substr(start, pos - start));
+  }
+}
+
+void read_token(Vek_istream& stream, bool rfc822_specials, Smtp_token& token, Vek_status& status) {
+  status.clear();
+  const Source src = stream_source(stream);
+  if (stream.tell() >= src.size) {
+    status = vek_end_of_stream;
+    return;
+  }
+  size_t pos = static_cast<size_t>(stream.tell());
+  uint32_t type = token_atom;
+  size_t start = 0;
+  const uint32_t code = lex_token(src, rfc822_specials, pos, type, start);
+  if (code == vek_end_of_stream) {
+    stream.seek(pos);
+    status = code;
+    return;
+  }
+  token.type = type;
+  token.text.assign(src.data + start, pos - start);
+  stream.seek(pos);
+  if (code != vek_ok) status = code;
+}
+
+void read_comment(Vek_istream& stream, std::string& text, Vek_status& status) {
+  read_delimited(stream, '(', smtp_no_opening_parenthesis, lex_comment, text, status);
+}
+
+void read_quoted_string(Vek_istream& stream, std::string& text, Vek_status& status) {
+  read_delimited(stream, '"', smtp_no_opening_quote, lex_quoted_string, text, status);
+}
+
+void read_domain_literal(Vek_istream& stream, std::string& text, Vek_status& status) {
+  read_delimited(stream, '[', smtp_no_opening_bracket, lex_domain_literal, text, status);
+}
+
+void read_atom(Vek_istream& stream, bool rfc822_specials, std::string& text, Vek_status& status) {
+  status.clear();
+  text.clear();
+  const Source src = stream_source(stream);
+  if (stream.tell() >= src.size) {
+    status = vek_end_of_stream;
+    return;
+  }
+  const size_t pos = skip_white(src, static_cast<size_t>(stream.tell()));
+  const size_t end = lex_atom(src, pos, rfc822_specials);
+  text.assign(src.data + pos, end - pos);
+  stream.seek(end);
+  if (text.empty() && end >= src.size) status = vek_end_of_stream;
+}
+
+void skip_white_space(Vek_istream& stream) {
+  const Source src = stream_source(stream);
+  if (stream.tell() >= src.size) return;
+  stream.seek(skip_white(src, static_cast<size_t>(stream.tell())));
+}
