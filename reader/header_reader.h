@@ -1,0 +1,100 @@
+// The raw header reader: reads one header field at a time from a stream and
+// writes fields back, either from their raw lines or freshly folded.
+//
+// A field comes out as its name and its raw lines. In an ordinary field the
+// first line is the text behind the colon, without the spaces right behind
+// it; every further line is a whole continuation line with its leading white
+// space. Text with no field shape becomes the pseudo field "Bad-Header",
+// whose lines are kept whole, so that a message can be written back without
+// loss. Line ends are never stored.
+//
+// The caller owns the name and the lines. The view form of the reader
+// points into the stream's buffer, which must stay unchanged while the
+// views are used. The reader keeps nothing between calls: a loop of calls
+// walks a header because each call leaves the stream on the first line that
+// does not belong to the field it read.
+#ifndef SMTPFM_READER_HEADER_READER_H_
+#define SMTPFM_READER_HEADER_READER_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "contracts/vek.h"
+
+// The longest header line taken, in bytes. RFC 822 sets no bound; 1087
+// leaves room for a 1024-byte line of an old mailer plus folding and line
+// end. A line of this length or longer means that the text is no header.
+inline constexpr uint32_t smtp_max_header_line = 1087;
+// Bytes outside 32 to 126 (other than tab, CR and LF) tolerated in one line:
+// a few 8-bit letters in a name or an unencoded value pass, binary does not.
+inline constexpr int smtp_max_refused_bytes = 4;
+// The longest field name taken; RFC 2822 section 2.1.1 keeps a line under 78
+// bytes, and a name is followed by at least a colon.
+inline constexpr size_t smtp_max_field_name = 75;
+// A colon in front of this position marks a line as a field that went
+// wrong (a space before the colon, say) rather than as text.
+inline constexpr size_t smtp_colon_zone = 16;
+// The most lines of one "Bad-Header"; past this the text is taken for a body
+// that lacks its blank separator line.
+inline constexpr size_t smtp_max_bad_header_lines = 10;
+// Column at which write_header_field folds (RFC 2047 section 2 keeps an
+// encoded line within 76 bytes).
+inline constexpr size_t smtp_fold_column = 76;
+
+// The pseudo field name of header text that has no field shape. It is
+// compared exactly, in this case.
+inline constexpr std::string_view smtp_bad_header_name = "Bad-Header";
+
+// One field as the reader found it, without copies. `name` and the lines
+// view the stream's buffer (or a constant); the first line of a field that
+// turned bad had to be put together and lives in `joined_first`.
+struct Smtp_raw_field_view {
+  std::string_view name;
+  std::vector<std::string_view> lines;
+  std::string joined_first;
+  bool first_is_joined = false;
+
+  size_t count() const { return lines.size(); }
+  std::string_view line(size_t index) const {
+    return index == 0 && first_is_joined ? std::string_view(joined_first) : lines[index];
+  }
+};
+
+// Reads the field at the stream's position into `name` and `lines` (which is
+// emptied first). True when a field was read; the stream then stands on the
+// first line behind it. A true result may come with a failed status (the
+// line that failed was consumed); a failed status on entry gives false.
+bool read_header_field(Vek_istream& stream, uint32_t max_line, std::string& name,
+                       std::vector<std::string>& lines, Vek_status& status);
+// The same, filling views of the stream's buffer instead of copies.
+bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_view& field,
+                       Vek_status& status);
+
+// The value of a field made from its raw lines: continuation lines are
+// joined by one space, and a backslash that ends a line inside a quoted
+// string stands for a line break.
+std::string unfold_field_lines(const std::vector<std::string>& lines);
+std::string unfold_field_lines(const Smtp_raw_field_view& field);
+
+// True when an odd number of unescaped double quotes stands in the first
+// `length` bytes of `text`.
+bool in_quoted_string(std::string_view text, size_t length);
+
+// True when the first "begin" of `line` is followed, behind optional white
+// space, by exactly three digits: the frame line of a uuencoded block.
+bool is_begin_line(std::string_view line);
+
+// Writes "name: value" and a line end; with `fold`, a value that would pass
+// column 76 is refolded at token boundaries. A "Bad-Header" has no name.
+void write_header_field(Vek_ostream& out, std::string_view name, std::string_view value, bool fold,
+                        Vek_status& status);
+
+// Writes a field from its raw lines, each with the stream's line end; an
+// ordinary field gets its name, a colon and one space where needed.
+void write_raw_field(Vek_ostream& out, std::string_view name, const std::vector<std::string>& lines,
+                     Vek_status& status);
+
+#endif  // SMTPFM_READER_HEADER_READER_H_
