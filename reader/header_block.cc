@@ -1,1 +1,224 @@
-// Placeholder until this file's code lands.
+// Reading a header block and judging it.
+//
+// RFC 822 section 3.1: a message is a header of fields, then optionally a
+// blank line and a body. Real mail breaks this in many ways; the block
+// reader draws the line as follows, beyond what the raw reader tolerates:
+// - Fields without field shape ("Bad-Header") and clock-time lines are
+//   tolerated up to three in a row and up to 20 per cent of all fields.
+//   Four in a row end the block behind the last good field: that is a body
+//   that follows the header with no blank line.
+// - A block of X- and X400- fields alone proves no header.
+// - A line too long or too binary for a header refuses the whole block.
+#include "reader/header_block.h"
+
+#include "reader/header_reader.h"
+
+namespace {
+
+// Bad fields with no ordinary field between them that end a block.
+constexpr int smtp_bad_fields_in_a_row = 4;
+// The share of bad fields, in per cent, above which a block is refused.
+constexpr double smtp_max_bad_percent = 20.0;
+
+#define SMTP_NAME(text) \
+  { text, sizeof(text) - 1, 0 }
+#define SMTP_PREFIX(text) \
+  { text, sizeof(text) - 1, 1 }
+
+inline bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+}  // namespace
+
+const Smtp_field_name smtp_message_field_names[] = {
+    SMTP_NAME("alternate-recipient"),
+    SMTP_NAME("auto-forwarded"),
+    SMTP_NAME("apparently-to"),
+    SMTP_NAME("bcc"),
+    SMTP_NAME("cc"),
+    SMTP_PREFIX("content-"),
+    SMTP_NAME("date"),
+    SMTP_NAME("disclose-recipients"),
+    SMTP_NAME("encoding"),
+    SMTP_NAME("errors-to"),
+    SMTP_NAME("followup-to"),
+    SMTP_NAME("from"),
+    SMTP_NAME("in-reply-to"),
+    SMTP_NAME("keywords"),
+    SMTP_NAME("message-id"),
+    SMTP_NAME("mime-version"),
+    SMTP_NAME("newsgroups"),
+    SMTP_NAME("organisation"),
+    SMTP_NAME("organization"),
+    SMTP_NAME("path"),
+    SMTP_NAME("received"),
+    SMTP_NAME("references"),
+    SMTP_NAME("reply-to"),
+    SMTP_PREFIX("resent-"),
+    SMTP_NAME("return-path"),
+    SMTP_NAME("return-recipient-to"),
+    SMTP_NAME("sender"),
+    SMTP_NAME("subject"),
+    SMTP_NAME("to"),
+    SMTP_PREFIX("x-"),
+    {nullptr, 0, 0},
+};
+
+const Smtp_field_name smtp_delivery_field_names[] = {
+    SMTP_NAME("action"),
+    SMTP_NAME("arrival-date"),
+    SMTP_NAME("bad-header"),
+    SMTP_NAME("diagnostic-code"),
+    SMTP_NAME("dsn-gateway"),
+    SMTP_NAME("final-recipient"),
+    SMTP_NAME("last-attempted-date"),
+    SMTP_NAME("original-envelope-id"),
+    SMTP_NAME("original-recipient"),
+    SMTP_NAME("received-from-mta"),
+    SMTP_NAME("remote-mta"),
+    SMTP_NAME("reporting-mta"),
+    SMTP_NAME("status"),
+    SMTP_NAME("will-retry-until"),
+    {nullptr, 0, 0},
+};
+
+#undef SMTP_NAME
+#undef SMTP_PREFIX
+
+bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek_status& status,
+                       Smtp_field_filter field_filter, std::vector<std::string>* field_names) {
+  status.clear();
+  bool ordinary_seen = false;
+  int bad_run = 0;
+  int bad_total = 0;
+  int fields_seen = 0;
+  size_t good_size = fields.size();
+  const bool keep_bad = field_filter == nullptr || field_filter(smtp_bad_header_name);
+  uint64_t block_end = stream.tell();
+
+  auto admitted = [field_filter](std::string_view name) {
+    return field_filter == nullptr || field_filter(name);
+  };
+  auto append = [&fields](std::string_view name, std::string value) {
+    fields.push_back(Smtp_header_field{std::string(name), std::move(value)});
+  };
+
+  Smtp_raw_field_view field;
+  while (read_header_field(stream, smtp_max_header_line, field, status) && status.ok()) {
+    const std::string_view name = field.name;
+    if (name == smtp_bad_header_name) {
+      if (keep_bad) append(name, unfold_field_lines(field));
+      ++bad_run;
+      ++bad_total;
+    } else if (is_x_field(name) || is_x400_field(name)) {
+      // Extensions prove nothing and break no run of bad fields, but they
+      // belong to the header.
+      if (admitted(name)) {
+        append(name, unfold_field_lines(field));
+        good_size = fields.size();
+      }
+      block_end = stream.tell();
+    } else if (is_time_line(name, field.line(0))) {
+      // "12:34:56 ..." at the start of a line: a log or a body, not a field.
+      if (keep_bad) {
+        std::string value(name);
+        value.push_back(':');
+        value.append(unfold_field_lines(field));
+        append(smtp_bad_header_name, std::move(value));
+      }
+      ++bad_run;
+      ++bad_total;
+    } else {
+      if (admitted(name)) {
+        append(name, unfold_field_lines(field));
+        good_size = fields.size();
+      }
+      block_end = stream.tell();
+      bad_run = 0;
+      ordinary_seen = true;
+    }
+    if (field_names != nullptr) field_names->emplace_back(name);
+    ++fields_seen;
+    if (bad_run >= smtp_bad_fields_in_a_row) {
+      // The header ended behind the last good field, without a blank line.
+      stream.seek(block_end);
+      while (fields.size() > good_size) {
+        fields.pop_back();
+        --bad_total;
+      }
+      break;
+    }
+  }
+
+  if (status.ok() && bad_total != 0 && fields_seen != 0 &&
+      static_cast<double>(bad_total) / fields_seen * 100.0 > smtp_max_bad_percent) {
+    status = smtp_not_header_line;
+  }
+  if (status == smtp_not_header_line) {
+    status.clear();
+    return false;
+  }
+  return ordinary_seen;
+}
+
+bool skip_blank_line(Vek_istream& stream) {
+  const uint64_t start = stream.tell();
+  Vek_status status;
+  std::string_view line;
+  stream.readln_view(smtp_max_header_line, line, status);
+  if (status == vek_line_too_long) status.clear();
+  if (status.ok() && vek_is_blank(line)) return true;
+  stream.seek(start);
+  return false;
+}
+
+bool is_x_field(std::string_view name) {
+  return name.size() >= 3 && (name[0] == 'x' || name[0] == 'X') && name[1] == '-';
+}
+
+bool is_x400_field(std::string_view name) {
+  return name.size() >= 6 && vek_string_equal_nc(name.substr(0, 5), "X400-");
+}
+
+bool is_time_line(std::string_view name, const std::vector<std::string>& lines) {
+  return !lines.empty() && is_time_line(name, std::string_view(lines[0]));
+}
+
+bool is_time_line(std::string_view name, std::string_view first_line) {
+  return name.size() == 2 && is_digit(name[0]) && is_digit(name[1]) && first_line.size() >= 11 &&
+         is_digit(first_line[0]) && is_digit(first_line[1]) && first_line[2] == ':' &&
+         is_digit(first_line[3]) && is_digit(first_line[4]);
+}
+
+bool looks_like_message_header(const std::vector<std::string>& field_names) {
+  if (field_names.empty()) return false;
+  size_t delivery = 0;
+  size_t message = 0;
+  std::string lower;
+  for (const std::string& name : field_names) {
+    lower = name;
+    vek_lower(lower);
+    if (find_field_name(smtp_delivery_field_names, lower)) {
+      ++delivery;
+    } else if (find_field_name(smtp_message_field_names, lower)) {
+      ++message;
+    }
+  }
+  return message != 0 && message > delivery && message > field_names.size() / 4;
+}
+
+bool find_field_name(const Smtp_field_name* table, std::string_view name) {
+  // The walk ends early at an exact row past the name's first letter; the
+  // bytes compare as signed, so a name that begins with an 8-bit byte ends
+  // it at the first exact row.
+  const signed char first = name.empty() ? 0 : static_cast<signed char>(name[0]);
+  for (const Smtp_field_name* row = table; row->text != nullptr; ++row) {
+    const std::string_view text(row->text, row->length);
+    if (row->is_prefix != 0) {
+      if (name.size() >= text.size() && name.substr(0, text.size()) == text) return true;
+    } else {
+      if (name == text) return true;
+      if (static_cast<signed char>(text[0]) > first) return false;
+    }
+  }
+  return false;
+}
