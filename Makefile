@@ -1,0 +1,43 @@
+# Two commands do all the set-up from a fresh clone:
+#   make demo   builds everything and runs smtpfm over samples/
+#   make test   builds everything twice (plain, and with AddressSanitizer and
+#               UndefinedBehaviorSanitizer) and runs the whole suite in both
+BUILD ?= build
+ASAN_BUILD ?= build-asan
+JOBS ?= $(shell nproc)
+BUILD_TYPE ?= RelWithDebInfo
+
+.PHONY: all build build-asan demo test test-plain test-asan bench clean
+
+all: build
+
+$(BUILD)/CMakeCache.txt:
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
+
+$(ASAN_BUILD)/CMakeCache.txt:
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DSMTPFM_SANITIZE=ON -DSMTPFM_BENCH=OFF
+
+build: $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j$(JOBS)
+
+build-asan: $(ASAN_BUILD)/CMakeCache.txt
+	cmake --build $(ASAN_BUILD) -j$(JOBS)
+
+demo: build
+	@sh host/demo.sh $(BUILD)
+
+test-plain: build
+	ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
+
+# Any sanitizer finding aborts the test that made it.
+test-asan: build-asan
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --test-dir $(ASAN_BUILD) --output-on-failure -j$(JOBS)
+
+test: test-plain test-asan
+
+bench: build
+	@for b in $(BUILD)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.5; done
+
+clean:
+	rm -rf $(BUILD) $(ASAN_BUILD)

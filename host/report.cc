@@ -1,0 +1,150 @@
+#include "host/report.h"
+
+#include "contracts/zor.h"
+#include "platform/vek/registry.h"
+
+namespace {
+
+// Long enough for real attachment names, short enough for every file
+// system's limit of 255 bytes with the path in front.
+constexpr size_t max_file_name = 120;
+
+bool is_modified(Item_node& node) {
+  if (node.handler == nullptr) return false;
+  Vek_status status;
+  try {
+    return node.handler->is_modified(*node.item, status);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+// The JSON of a node with its children; iterative, since nesting depth is
+// the mail's choice.
+Json node_json(Item_node& top) {
+  struct Frame {
+    Item_node* node;
+    Json* target;
+  };
+  Json root;
+  std::vector<Frame> stack{{&top, &root}};
+  while (!stack.empty()) {
+    Frame frame = stack.back();
+    stack.pop_back();
+    Item_node& node = *frame.node;
+    Json& out = *frame.target;
+    out["path"] = node.path;
+    out["length"] = node.bytes().size();
+    Json properties = Json::array();
+    for (const auto& property : node.item->properties())
+      properties.push_back(Json::array({vek_utf16_to_utf8(property->name()), property_json(*property)}));
+    out["properties"] = std::move(properties);
+    Json reports = Json::array();
+    for (const auto& report : node.item->reports())
+      reports.push_back(Json::array({vek_utf16_to_utf8(report.name), vek_utf16_to_utf8(report.value)}));
+    out["reports"] = std::move(reports);
+    Json log = Json::array();
+    for (const auto& entry : node.item->logs()) log.push_back(Json::array({entry.code, status_text(entry.status)}));
+    out["log"] = std::move(log);
+    out["taken"] = node.taken();
+    out["handler"] = node.taken() ? Json(node.handler_name) : Json(nullptr);
+    out["open_status"] = status_text(node.open_status);
+    out["modified"] = is_modified(node);
+    if (!node.failure.empty()) out["failure"] = node.failure;
+    out["items"] = Json::array();
+    if (node.depth_limited) out["depth_limited"] = true;
+    Json& items = out["items"];
+    for (size_t i = 0; i < node.children.size(); ++i) items.push_back(Json::object());
+    for (size_t i = node.children.size(); i-- > 0;) stack.push_back({node.children[i].get(), &items[i]});
+  }
+  return root;
+}
+
+std::string property(const Item_node& node, const char16_t* name) {
+  const Tav_property* found = node.item->properties().find(name);
+  return found == nullptr ? std::string() : property_text(*found);
+}
+
+}  // namespace
+
+Json property_json(const Tav_property& property) {
+  switch (property.type()) {
+    case Tav_property::type_bool:
+      return property.bool_value();
+    case Tav_property::type_integer:
+      return property.integer_value();
+    default:
+      return vek_utf16_to_utf8(property.string_value());
+  }
+}
+
+std::string property_text(const Tav_property& property) {
+  switch (property.type()) {
+    case Tav_property::type_bool:
+      return property.bool_value() ? "true" : "false";
+    case Tav_property::type_integer:
+      return std::to_string(property.integer_value());
+    default:
+      return vek_utf16_to_utf8(property.string_value());
+  }
+}
+
+Json tree_json(Message_tree& tree, const std::string& file) {
+  Json document;
+  document["file"] = file;
+  document["size"] = tree.input().size();
+  document["item"] = node_json(tree.root());
+  return document;
+}
+
+std::string tree_text(Message_tree& tree, const std::string& file) {
+  std::string out = file + " (" + std::to_string(tree.input().size()) + " bytes)\n";
+  tree.for_each([&](Item_node& node) {
+    std::string line(2 * (node.depth + 1), ' ');
+    line += "[" + node.path + "] " + std::to_string(node.bytes().size()) + " bytes";
+    std::string type = property(node, ZOR_ITEM_TYPE);
+    if (!type.empty()) line += " " + type;
+    std::string mime = property(node, ZOR_MIME_TYPE);
+    if (!mime.empty()) line += " " + mime + "/" + property(node, ZOR_MIME_SUBTYPE);
+    std::string enclosed = property(node, ZOR_ENCLOSED_MIME_TYPE);
+    if (!enclosed.empty()) line += " (part " + enclosed + "/" + property(node, ZOR_ENCLOSED_MIME_SUBTYPE) + ")";
+    std::string name = property(node, ZOR_ITEM_NAME);
+    if (!name.empty()) line += " \"" + name + "\"";
+    std::string charset = property(node, ZOR_ITEM_CHARSET);
+    if (!charset.empty()) line += " charset=" + charset;
+    if (node.taken()) line += " <" + node.handler_name + ">";
+    if (!node.item->logs().empty()) {
+      line += " log";
+      for (const auto& entry : node.item->logs()) {
+        line += " " + std::to_string(entry.code);
+        if (entry.status != 0) line += "(" + status_text(entry.status) + ")";
+      }
+    }
+    if (node.depth_limited) line += " [not opened: depth limit]";
+    if (!node.failure.empty()) line += " [" + node.failure + "]";
+    out += line + "\n";
+  });
+  return out;
+}
+
+std::string leaf_file_name(const Item_node& node) {
+  std::string name = node.path.empty() ? "message" : node.path;
+  std::string item_name = property(node, ZOR_ITEM_NAME);
+  std::string safe;
+  for (unsigned char c : item_name) {
+    if (c < 0x20 || c == 0x7F || c == '/' || c == '\\' || c == ':') {
+      safe += '_';
+    } else {
+      safe += static_cast<char>(c);
+    }
+  }
+  while (!safe.empty() && (safe.front() == '.' || safe.front() == ' ')) safe.erase(0, 1);
+  if (!safe.empty()) name += "_" + safe;
+  if (name.size() > max_file_name) {
+    // Cut on a UTF-8 character boundary.
+    size_t cut = max_file_name;
+    while (cut > 0 && (static_cast<unsigned char>(name[cut]) & 0xC0) == 0x80) --cut;
+    name.resize(cut);
+  }
+  return name;
+}

@@ -1,0 +1,30 @@
+// What smtpfm prints of a message tree: the indented text tree and the JSON
+// document of `tree --json`, whose shape other tools rely on:
+//   {"file": PATH, "size": BYTES, "item": NODE}
+//   NODE = {"path", "length", "properties": [[name, value]...],
+//           "reports": [[name, value]...], "log": [[code, "0x%08x"]...],
+//           "taken", "handler", "open_status", "modified", "items": [NODE...],
+//           "depth_limited" (only where the depth bound stopped the walk)}
+#ifndef SMTPFM_HOST_REPORT_H_
+#define SMTPFM_HOST_REPORT_H_
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "host/host.h"
+
+using Json = nlohmann::ordered_json;
+
+// The JSON document of one message; `modified` asks each handler.
+Json tree_json(Message_tree& tree, const std::string& file);
+// The indented text tree of one message.
+std::string tree_text(Message_tree& tree, const std::string& file);
+// A property's value as JSON: a string, true/false or an integer.
+Json property_json(const Tav_property& property);
+// The UTF-8 form of a property's value.
+std::string property_text(const Tav_property& property);
+// A file name made of a leaf's path and ItemName: no separators, no
+// leading dots, no control bytes, bounded length.
+std::string leaf_file_name(const Item_node& node);
+
+#endif  // SMTPFM_HOST_REPORT_H_
