@@ -13,7 +13,7 @@
 
 class Fmg_item {
  public:
-  virtual ~Fmg_item();
+  virtual ~Fmg_item() = default;
   // The item this one was taken from; null for the top of the tree.
   virtual Fmg_item* parent_item() = 0;
   // The item that keeps the message-wide properties; never null.

@@ -1,6 +1,5 @@
 #include "platform/fmg/host_item.h"
 
-Fmg_item::~Fmg_item() = default;
 
 Fmg_host_item::Fmg_host_item(Fmg_host_item* parent) : parent_(parent), top_(parent ? parent->top_ : this) {}
 
