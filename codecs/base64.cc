@@ -18,6 +18,11 @@
 #include <memory>
 #include <string_view>
 
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#define SMTPFM_BASE64_AVX2 1
+#endif
+
 namespace {
 
 // Lines are read in pieces of this size; a longer line is bad data.
@@ -49,6 +54,71 @@ constexpr std::array<uint8_t, 256> make_table() {
 }
 constexpr std::array<uint8_t, 256> table = make_table();
 
+#ifdef SMTPFM_BASE64_AVX2
+// Decodes blocks of 32 characters of the alphabet into 24 bytes each, as
+// long as whole blocks of nothing but the alphabet follow and `room` bytes
+// of output hold 32 more. Returns the number of characters decoded. (The
+// translation and check by nibble lookups follow Mula and Lemire, "Faster
+// Base64 encoding and decoding using AVX2 instructions", 2018.)
+__attribute__((target("avx2"))) size_t decode_blocks_avx2(const uint8_t* p, size_t count, uint8_t* o,
+                                                          size_t room) {
+  // Bit i of lookup_low[low nibble] and lookup_high[high nibble] are both
+  // set only for bytes outside the alphabet.
+  const __m256i lookup_low = _mm256_setr_epi8(
+      0x15, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x13, 0x1a, 0x1b, 0x1b, 0x1b, 0x1a, 0x15,
+      0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x13, 0x1a, 0x1b, 0x1b, 0x1b, 0x1a);
+  const __m256i lookup_high = _mm256_setr_epi8(
+      0x10, 0x10, 0x01, 0x02, 0x04, 0x08, 0x04, 0x08, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10,
+      0x10, 0x01, 0x02, 0x04, 0x08, 0x04, 0x08, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10, 0x10);
+  // What to add to a character, by its high nibble ("/" apart), to get its
+  // value.
+  const __m256i shift = _mm256_setr_epi8(0, 16, 19, 4, -65, -65, -71, -71, 0, 0, 0, 0, 0, 0, 0, 0, 0, 16, 19,
+                                         4, -65, -65, -71, -71, 0, 0, 0, 0, 0, 0, 0, 0);
+  const __m256i slash = _mm256_set1_epi8(0x2f);
+  const __m256i order = _mm256_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1, 2, 1, 0, 6,
+                                         5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
+  const __m256i lanes = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7);
+  size_t done = 0;
+  bool tail = false;
+  for (;;) {
+    const size_t left = count - done;
+    const uint8_t* from = p + done;
+    uint8_t* to = o;
+    if (left < 32 || room < 32) {
+      // Whole groups short of a block at the end of a line: the last 32
+      // characters are decoded once more, with their first part again.
+      if (tail || left >= 32 || left == 0 || left % 4 != 0 || count < 32) break;
+      const size_t again = (32 - left) / 4 * 3;
+      if (room + again < 32) break;
+      from = p + count - 32;
+      to = o - again;
+      tail = true;
+    }
+    const __m256i text = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(from));
+    const __m256i high = _mm256_and_si256(_mm256_srli_epi32(text, 4), slash);
+    const __m256i low = _mm256_and_si256(text, slash);
+    const __m256i bad =
+        _mm256_and_si256(_mm256_shuffle_epi8(lookup_low, low), _mm256_shuffle_epi8(lookup_high, high));
+    if (!_mm256_testz_si256(bad, bad)) break;
+    const __m256i roll = _mm256_shuffle_epi8(shift, _mm256_add_epi8(_mm256_cmpeq_epi8(text, slash), high));
+    const __m256i values = _mm256_add_epi8(text, roll);
+    // Four 6-bit values to one 24-bit number per 32-bit lane, then its
+    // three bytes in order, packed together.
+    const __m256i pairs = _mm256_maddubs_epi16(values, _mm256_set1_epi32(0x01400140));
+    const __m256i groups = _mm256_madd_epi16(pairs, _mm256_set1_epi32(0x00011000));
+    const __m256i bytes = _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(groups, order), lanes);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), bytes);
+    if (tail) return count;
+    o += 24;
+    room -= 24;
+    done += 32;
+  }
+  return done;
+}
+
+const bool have_avx2 = __builtin_cpu_supports("avx2");
+#endif
+
 // The decoder's state: it outlives a line, since a group of four
 // characters may be spread over several.
 struct Decoder {
@@ -68,6 +138,13 @@ struct Decoder {
     while (p < end) {
       // Whole groups of four values, while the buffer has room for them.
       if (group == 0) {
+#ifdef SMTPFM_BASE64_AVX2
+        if (have_avx2 && end - p >= 32) {
+          const size_t n = decode_blocks_avx2(p, end - p, bytes.get() + used, output_block - used);
+          p += n;
+          used += n / 4 * 3;
+        }
+#endif
         size_t groups = std::min<size_t>((end - p) / 4, (output_block - used) / 3);
         uint8_t* o = bytes.get() + used;
         while (groups != 0) {

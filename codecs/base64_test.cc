@@ -68,6 +68,36 @@ TEST(Base64, DecodeTableEntries) {
   }
 }
 
+TEST(Base64, EveryByteInsideALongLine) {
+  // Long lines go through a faster path in blocks; each byte must still
+  // take its table entry there, at the start, middle and end of a block.
+  const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  for (size_t at : {0u, 5u, 31u, 37u, 75u}) {
+    for (int byte = 0; byte < 256; ++byte) {
+      std::string line;
+      for (int i = 0; i < 19; ++i) line += "QUJD";
+      line[at] = static_cast<char>(byte);
+      const Outcome got = decode(line);
+      const size_t before = at / 4 * 3;  // bytes of the groups in front
+      if (alphabet.find(static_cast<char>(byte)) != std::string::npos) {
+        EXPECT_EQ(got.status, vek_ok) << byte << " at " << at;
+        EXPECT_EQ(got.out.size(), 57u) << byte << " at " << at;
+      } else if (byte == '=') {
+        EXPECT_EQ(got.status, vek_ok) << byte << " at " << at;
+        EXPECT_EQ(got.out.size(), before + (at % 4 == 0 ? 0 : at % 4 - 1)) << byte << " at " << at;
+      } else if (byte == 0 || byte == '\r' || byte == '\n') {
+        // The line's data end there: good only between two groups.
+        EXPECT_EQ(got.status, at % 4 == 0 ? vek_ok : smtp_bad_base64) << byte << " at " << at;
+        EXPECT_EQ(got.out.size(), at % 4 == 0 ? before : 0) << byte << " at " << at;
+      } else {
+        // A blank leaves 75 values, inside a group at the end; other bytes
+        // are bad.
+        EXPECT_EQ(got.status, smtp_bad_base64) << byte << " at " << at;
+      }
+    }
+  }
+}
+
 TEST(Base64, DecodeLineLimit) {
   // Lines are read in pieces of 1024 bytes: a line that fills one is bad.
   EXPECT_EQ(decode(std::string(1020, 'A') + "\r\nQUJD").out, std::string(765, '\0') + "ABC");
