@@ -114,10 +114,23 @@ uint64_t decode_quoted_printable(Vek_istream& in, Vek_ostream& out, uint64_t sta
               equals == nullptr ? n : static_cast<size_t>(static_cast<const uint8_t*>(equals) - input.data());
           written = output.put(input.data() + i, stop - i);
           i = stop;
-          if (equals != nullptr) {
-            state = Qp_state::after_equals;
-            ++i;
+          if (equals == nullptr) break;
+          if (stop + 2 < n) {
+            // The common cases at once, when the whole escape is at hand.
+            const uint8_t first = input[stop + 1], second = input[stop + 2];
+            const int high = hex_value(first), low = hex_value(second);
+            if (first == '\r') {
+              i = stop + 3;
+              break;
+            }
+            if (high >= 0 && low >= 0) {
+              written = output.put(static_cast<uint8_t>(high * 16 + low));
+              i = stop + 3;
+              break;
+            }
           }
+          state = Qp_state::after_equals;
+          ++i;
           break;
         }
         case Qp_state::after_equals:
