@@ -18,6 +18,8 @@
 //     ends loses the last byte of each part.
 #include "reader/part_walker.h"
 
+#include <cstring>
+
 namespace {
 
 // Reads the next piece of a line and settles the status as every walk
@@ -110,12 +112,29 @@ void copy_to_part_delimiter(Vek_istream& stream, Vek_ostream& out, const Smtp_bo
   status.clear();
   Vek_status written;
   std::string_view text;
-  // The last piece of the line before, and whether that line is still to
-  // be finished. Its text goes out together with its line end once the
-  // next line shows that it is not the last one in front of a delimiter;
-  // `held` views the input, which nothing writes to during the walk.
-  std::string_view held;
+  // `run` is the text of the lines read and not yet written, the last of
+  // which may still be the last in front of a delimiter, so that its line
+  // end is pending. While the input's line end between two lines is byte
+  // for byte the one that writeln writes, `run` spans both, line end
+  // included, and a part goes out in a few large writes instead of one per
+  // line. `run` views the input, which nothing writes to during the walk.
+  std::string_view run;
   bool pending = false;
+  std::string_view line_end;  // what writeln writes, once seen
+  const auto write_line = [&]() {
+    const uint64_t before = out.tell();
+    out.writeln(run, written);
+    if (written.ok() && line_end.empty()) {
+      const uint64_t added = out.tell() - before - run.size();
+      line_end = added == 2 ? "\r\n" : added == 1 ? "\n" : "";
+    }
+    return !take_write_failure(written, status);
+  };
+  const auto follows_run = [&](std::string_view next) {
+    const char* run_end = run.data() + run.size();
+    return !line_end.empty() && next.data() == run_end + line_end.size() &&
+           std::memcmp(run_end, line_end.data(), line_end.size()) == 0;
+  };
   for (;;) {
     const uint64_t line_start = stream.tell();
     read_piece(stream, text, status);
@@ -124,15 +143,18 @@ void copy_to_part_delimiter(Vek_istream& stream, Vek_ostream& out, const Smtp_bo
       status.clear();
       stream.seek(line_start);
       if (pending) {
-        out.write(held, written);
+        out.write(run, written);
         take_write_failure(written, status);
       }
       return;
     }
     if (pending) {
-      out.writeln(held, written);
+      if (status.ok() && follows_run(text)) {
+        run = std::string_view(run.data(), text.data() + text.size() - run.data());
+        continue;
+      }
       pending = false;
-      if (take_write_failure(written, status)) return;
+      if (!write_line()) return;
     }
     // The pieces of an over-long line go out as they come, with nothing
     // between them.
@@ -142,7 +164,7 @@ void copy_to_part_delimiter(Vek_istream& stream, Vek_ostream& out, const Smtp_bo
       if (take_write_failure(written, status)) return;
       read_piece(stream, text, status);
     }
-    held = text;
+    run = text;
     pending = true;
     if (!status.ok()) break;
   }
@@ -153,11 +175,11 @@ void copy_to_part_delimiter(Vek_istream& stream, Vek_ostream& out, const Smtp_bo
   if (status == vek_end_of_stream) {
     // The data end: the last line gets its line end after all.
     status.clear();
-    out.writeln(held, written);
+    write_line();
   } else {
-    out.write(held, written);
+    out.write(run, written);
+    take_write_failure(written, status);
   }
-  take_write_failure(written, status);
 }
 
 void copy_remaining_lines(Vek_istream& stream, Vek_ostream& out, Vek_status& status) {

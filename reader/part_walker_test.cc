@@ -9,10 +9,9 @@ const std::string x2048(2048, 'x'), x5000(5000, 'x');
 
 // A stream over `text` and an output, both with CR LF line ends.
 struct Walk {
-  explicit Walk(std::string_view text, uint64_t start = 0)
-      : input(text.size(), text.data(), 0),
-        in(&input, true, status, vek_eol_crlf),
-        out(&output, status, vek_eol_crlf) {
+  explicit Walk(std::string_view text, uint64_t start = 0, Vek_eol in_eol = vek_eol_crlf,
+                Vek_eol out_eol = vek_eol_crlf)
+      : input(text.size(), text.data(), 0), in(&input, true, status, in_eol), out(&output, status, out_eol) {
     in.seek(start);
   }
   std::string written() const {
@@ -107,6 +106,19 @@ TEST(PartWalker, CopyGivesTheLastLineBreakToTheDelimiter) {
     EXPECT_EQ(walk.written(), c.want) << c.name;
     EXPECT_EQ(walk.in.tell(), c.position) << c.name;
   }
+}
+
+TEST(PartWalker, CopyWritesTheOutputsLineEnds) {
+  // Lines are copied in runs where the input's line ends are the output's;
+  // elsewhere each line gets the output's line end.
+  const std::string in = "a\nb\r\nc\n\n--abc\n";
+  Walk lf(in, 0, vek_eol_lf, vek_eol_lf);
+  copy_to_part_delimiter(lf.in, lf.out, abc, lf.status);
+  EXPECT_EQ(lf.written(), "a\nb\nc\n");
+  Walk crlf(in, 0, vek_eol_lf, vek_eol_crlf);
+  copy_to_part_delimiter(crlf.in, crlf.out, abc, crlf.status);
+  EXPECT_EQ(crlf.written(), "a\r\nb\r\nc\r\n");
+  EXPECT_EQ(crlf.in.tell(), 8u);
 }
 
 TEST(PartWalker, CopyRemainingEndsEveryLine) {
