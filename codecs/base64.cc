@@ -116,7 +116,12 @@ __attribute__((target("avx2"))) size_t decode_blocks_avx2(const uint8_t* p, size
   return done;
 }
 
-const bool have_avx2 = __builtin_cpu_supports("avx2");
+// Asked once, at load; the detection must be run first, since this
+// initialiser may run before the one of the runtime library that does it.
+const bool have_avx2 = [] {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2") != 0;
+}();
 #endif
 
 // The decoder's state: it outlives a line, since a group of four
