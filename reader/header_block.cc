@@ -98,38 +98,42 @@ bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fiel
   auto admitted = [field_filter](std::string_view name) {
     return field_filter == nullptr || field_filter(name);
   };
-  auto append = [&fields](std::string_view name, std::string value) {
-    fields.push_back(Smtp_header_field{std::string(name), std::move(value)});
+  auto append = [&fields](std::string_view name, const Smtp_raw_field_view& field) {
+    if (field.count() == 1) {
+      fields.emplace_back(std::string(name), std::string(field.line(0)));
+    } else {
+      fields.emplace_back(std::string(name), unfold_field_lines(field));
+    }
   };
 
   Smtp_raw_field_view field;
-  while (read_header_field(stream, smtp_max_header_line, field, status) && status.ok()) {
+  Smtp_line_lookahead lookahead;
+  while (read_header_field(stream, smtp_max_header_line, field, lookahead, status) && status.ok()) {
     const std::string_view name = field.name;
     if (name == smtp_bad_header_name) {
-      if (keep_bad) append(name, unfold_field_lines(field));
+      if (keep_bad) append(name, field);
       ++bad_run;
       ++bad_total;
     } else if (is_x_field(name) || is_x400_field(name)) {
       // Extensions prove nothing and break no run of bad fields, but they
       // belong to the header.
       if (admitted(name)) {
-        append(name, unfold_field_lines(field));
+        append(name, field);
         good_size = fields.size();
       }
       block_end = stream.tell();
     } else if (is_time_line(name, field.line(0))) {
       // "12:34:56 ..." at the start of a line: a log or a body, not a field.
       if (keep_bad) {
-        std::string value(name);
-        value.push_back(':');
-        value.append(unfold_field_lines(field));
-        append(smtp_bad_header_name, std::move(value));
+        Smtp_header_field& added = fields.emplace_back();
+        added.name.assign(smtp_bad_header_name);
+        added.value.assign(name).append(1, ':').append(unfold_field_lines(field));
       }
       ++bad_run;
       ++bad_total;
     } else {
       if (admitted(name)) {
-        append(name, unfold_field_lines(field));
+        append(name, field);
         good_size = fields.size();
       }
       block_end = stream.tell();
@@ -176,7 +180,8 @@ bool is_x_field(std::string_view name) {
 }
 
 bool is_x400_field(std::string_view name) {
-  return name.size() >= 6 && vek_string_equal_nc(name.substr(0, 5), "X400-");
+  return name.size() >= 6 && (name[0] == 'x' || name[0] == 'X') &&
+         vek_string_equal_nc(name.substr(0, 5), "X400-");
 }
 
 bool is_time_line(std::string_view name, const std::vector<std::string>& lines) {

@@ -20,6 +20,9 @@
 
 #include <algorithm>
 #include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "reader/char_class.h"
 #include "reader/tokeniser.h"
@@ -30,58 +33,91 @@ namespace {
 // VT and FF.
 inline bool is_trim_white(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
+enum class Line_kind : uint32_t { blank, name, continuation, colon, other };
+
 inline bool is_refused(unsigned char c) {
   return (c < 32 && c != '\t' && c != '\r' && c != '\n') || c >= 127;
 }
 
-// Counts the bytes of `line` outside 32 to 126 other than tab, CR and LF,
-// up to the first NUL, and stops counting once the limit is passed. Header
-// text is nearly all printable ASCII, so eight bytes are tested at a time
-// and only a word that may hold such a byte is looked at closely.
-int count_refused_bytes(std::string_view line) {
-  constexpr uint64_t ones = 0x0101010101010101ull;
-  constexpr uint64_t highs = 0x8080808080808080ull;
-  const auto* bytes = reinterpret_cast<const unsigned char*>(line.data());
+// What a line holds that no header line should: the count of bytes outside
+// 32 to 126 other than tab, CR and LF up to the first NUL (counting stops
+// once the limit is passed), and the position of that NUL.
+struct Line_scan {
+  int refused = 0;
+  size_t nul = std::string_view::npos;
+};
+
+#if defined(__SSE2__)
+// True when the sixteen bytes at `bytes` may hold a NUL or a refused byte.
+inline bool may_hold_odd_bytes(const char* bytes) {
+  const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+  // As signed bytes, 128 to 255 are negative: below 32 with the controls.
+  const __m128i odd =
+      _mm_or_si128(_mm_cmplt_epi8(block, _mm_set1_epi8(32)), _mm_cmpeq_epi8(block, _mm_set1_epi8(127)));
+  return _mm_movemask_epi8(odd) != 0;
+}
+#endif
+
+// Header text is nearly all printable ASCII, so a line is first tested
+// sixteen bytes at a time, the last block overlapping the one before, and
+// only from the first block that may hold an odd byte on is it looked at
+// byte by byte.
+inline __attribute__((always_inline)) Line_scan scan_line(std::string_view line) {
   const size_t size = line.size();
-  int count = 0;
   size_t i = 0;
-  while (i < size) {
-    size_t stop = size;
-    if (i + 8 <= size) {
-      uint64_t word;
-      std::memcpy(&word, bytes + i, 8);
-      const uint64_t below_32 = (word - ones * 32) & ~word & highs;
-      const uint64_t above_126 = ((word + ones) | word) & highs;
-      if ((below_32 | above_126) == 0) {
-        i += 8;
-        continue;
-      }
-      stop = i + 8;
-    }
-    for (; i < stop; ++i) {
-      if (bytes[i] == 0) return count;
-      if (is_refused(bytes[i]) && ++count > smtp_max_refused_bytes) return count;
-    }
+#if defined(__SSE2__)
+  if (size >= 16) {
+    while (i + 16 <= size && !may_hold_odd_bytes(line.data() + i)) i += 16;
+    if (i + 16 > size && (i == size || !may_hold_odd_bytes(line.data() + size - 16))) return Line_scan{};
   }
-  return count;
+#endif
+  Line_scan scan;
+  for (; i < size; ++i) {
+    const auto c = static_cast<unsigned char>(line[i]);
+    if (c == 0) {
+      scan.nul = i;
+      break;
+    }
+    if (is_refused(c) && ++scan.refused > smtp_max_refused_bytes) break;
+  }
+  return scan;
 }
 
-enum class Line_kind { blank, name, continuation, colon, other };
+// The position of the colon that ends the field name at the start of
+// `line`, or npos when the line has no name: a byte with char_white or
+// char_control, or the name limit, comes first.
+inline __attribute__((always_inline)) size_t name_colon(std::string_view line) {
+  const size_t scan = std::min(line.size(), smtp_max_field_name + 1);
+  size_t i = 0;
+#if defined(__SSE2__)
+  for (; i + 16 <= line.size() && i < scan; i += 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(line.data() + i));
+    const __m128i space_or_control = _mm_cmpeq_epi8(_mm_min_epu8(block, _mm_set1_epi8(32)), block);
+    const __m128i stop =
+        _mm_or_si128(_mm_or_si128(space_or_control, _mm_cmpeq_epi8(block, _mm_set1_epi8(127))),
+                     _mm_cmpeq_epi8(block, _mm_set1_epi8(':')));
+    const int mask = _mm_movemask_epi8(stop);
+    if (mask != 0) {
+      const size_t at = i + static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(mask)));
+      return at < scan && line[at] == ':' ? at : std::string_view::npos;
+    }
+  }
+#endif
+  for (; i < scan; ++i) {
+    const char c = line[i];
+    if (c == ':') return i;
+    if ((char_class_of(c) & (char_white | char_control)) != 0) break;
+  }
+  return std::string_view::npos;
+}
 
 // Finds the kind of a line; for a name line also the position of its colon.
-Line_kind line_kind(std::string_view line, size_t& colon) {
+inline __attribute__((always_inline)) Line_kind line_kind(std::string_view line, size_t& colon) {
   // Most lines begin with a printable byte; only the others may be blank.
   if (line.empty() || (static_cast<unsigned char>(line[0]) <= ' ' && vek_is_blank(line)))
     return Line_kind::blank;
-  const size_t name_scan = std::min(line.size(), smtp_max_field_name + 1);
-  for (size_t i = 0; i < name_scan; ++i) {
-    const char c = line[i];
-    if (c == ':') {
-      colon = i;
-      return Line_kind::name;
-    }
-    if ((char_class_of(c) & (char_white | char_control)) != 0) break;
-  }
+  colon = name_colon(line);
+  if (colon != std::string_view::npos) return Line_kind::name;
   if ((char_class_of(line[0]) & char_white) != 0) return Line_kind::continuation;
   if (std::memchr(line.data(), ':', std::min(line.size(), smtp_colon_zone)) != nullptr)
     return Line_kind::colon;
@@ -140,7 +176,8 @@ struct String_target {
 };
 
 template <typename Target>
-bool read_field(Vek_istream& stream, uint32_t max_line, Target& target, Vek_status& status) {
+bool read_field(Vek_istream& stream, uint32_t max_line, Target& target, Smtp_line_lookahead* lookahead,
+                Vek_status& status) {
   target.reset();
   if (!status.ok()) return false;
   const uint64_t field_start = stream.tell();
@@ -149,41 +186,59 @@ bool read_field(Vek_istream& stream, uint32_t max_line, Target& target, Vek_stat
   std::string_view line;
   while (status.ok()) {
     const uint64_t line_start = stream.tell();
-    stream.readln_view(max_line, line, status);
-    if (status == vek_line_too_long) {
-      if (line.size() >= max_line) {
-        status = smtp_not_header_line;
-      } else {
-        status.clear();
+    size_t colon = 0;
+    size_t nul = std::string_view::npos;
+    Line_kind kind;
+    if (lookahead != nullptr && lookahead->buffer == stream.buffer() && lookahead->buffer != nullptr &&
+        lookahead->start == line_start && lookahead->max_line == max_line) {
+      // The line that ended the previous field, already read and judged.
+      line = lookahead->line;
+      kind = static_cast<Line_kind>(lookahead->kind);
+      colon = lookahead->colon;
+      nul = lookahead->nul;
+      stream.seek(lookahead->next);
+      lookahead->buffer = nullptr;
+    } else {
+      stream.readln_view(max_line, line, status);
+      if (status == vek_line_too_long) {
+        if (line.size() >= max_line) {
+          status = smtp_not_header_line;
+        } else {
+          status.clear();
+        }
       }
-    }
-    if (status == vek_end_of_stream && !line.empty()) status.clear();
-    if (count_refused_bytes(line) > smtp_max_refused_bytes) status = smtp_not_header_line;
-    if (!status.ok()) {
-      if (status == vek_end_of_stream) status.clear();
-      break;
+      if (status == vek_end_of_stream && !line.empty()) status.clear();
+      const Line_scan scan = scan_line(line);
+      if (scan.refused > smtp_max_refused_bytes) status = smtp_not_header_line;
+      nul = scan.nul;
+      if (!status.ok()) {
+        if (status == vek_end_of_stream) status.clear();
+        break;
+      }
+      kind = line_kind(line, colon);
     }
 
-    size_t colon = 0;
-    Line_kind kind = line_kind(line, colon);
-    if (kind == Line_kind::blank || (open && (kind == Line_kind::name || kind == Line_kind::colon))) {
+    const bool ends_field =
+        kind == Line_kind::blank || (open && (kind == Line_kind::name || kind == Line_kind::colon));
+    const bool ends_block =
+        !open && kind == Line_kind::other && (is_begin_line(line) || is_postscript_line(line));
+    if (ends_field || ends_block) {
+      if (lookahead != nullptr) {
+        *lookahead = Smtp_line_lookahead{stream.buffer(), line_start, stream.tell(),
+                                         max_line,        line,       static_cast<uint32_t>(kind),
+                                         colon,           nul};
+      }
       stream.seek(line_start);
       break;
     }
     if (!open && kind == Line_kind::name) {
-      std::string_view value = line.substr(colon + 1);
-      const void* nul = std::memchr(value.data(), '\0', value.size());
-      if (nul != nullptr) value = value.substr(0, static_cast<const char*>(nul) - value.data());
+      // The value stops at a NUL; a NUL ahead of the colon makes no name line.
+      std::string_view value = line.substr(colon + 1, nul == std::string_view::npos ? nul : nul - colon - 1);
       const size_t spaces = value.find_first_not_of(' ');
       value.remove_prefix(spaces == std::string_view::npos ? value.size() : spaces);
       target.open(line.substr(0, colon), value);
       open = true;
       continue;
-    }
-    if (!open && kind == Line_kind::other && (is_begin_line(line) || is_postscript_line(line))) {
-      // A uuencoded block or a PostScript file where a header should start.
-      stream.seek(line_start);
-      break;
     }
     if (!open) {
       // A continuation, colon or other line where a field should start.
@@ -284,13 +339,19 @@ std::string unfold(size_t count, Line_at line_at) {
 bool read_header_field(Vek_istream& stream, uint32_t max_line, std::string& name,
                        std::vector<std::string>& lines, Vek_status& status) {
   String_target target{name, lines};
-  return read_field(stream, max_line, target, status);
+  return read_field(stream, max_line, target, nullptr, status);
 }
 
 bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_view& field,
                        Vek_status& status) {
   View_target target{field};
-  return read_field(stream, max_line, target, status);
+  return read_field(stream, max_line, target, nullptr, status);
+}
+
+bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_view& field,
+                       Smtp_line_lookahead& lookahead, Vek_status& status) {
+  View_target target{field};
+  return read_field(stream, max_line, target, &lookahead, status);
 }
 
 std::string unfold_field_lines(const std::vector<std::string>& lines) {

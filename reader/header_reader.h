@@ -63,6 +63,21 @@ struct Smtp_raw_field_view {
   }
 };
 
+// The line on which a read of a field stopped (it belongs to the next
+// field), as the reader found and judged it. A caller that reads field
+// after field from one stream passes it back in, so that each line is read
+// and judged once; the buffer must not change in between.
+struct Smtp_line_lookahead {
+  const Vek_buffer* buffer = nullptr;  // null: nothing kept
+  uint64_t start = 0;                  // where the line begins
+  uint64_t next = 0;                   // where the line behind it begins
+  uint32_t max_line = 0;               // the limit it was read with
+  std::string_view line;
+  uint32_t kind = 0;
+  size_t colon = 0;
+  size_t nul = 0;
+};
+
 // Reads the field at the stream's position into `name` and `lines` (which is
 // emptied first). True when a field was read; the stream then stands on the
 // first line behind it. A true result may come with a failed status (the
@@ -72,6 +87,10 @@ bool read_header_field(Vek_istream& stream, uint32_t max_line, std::string& name
 // The same, filling views of the stream's buffer instead of copies.
 bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_view& field,
                        Vek_status& status);
+// The same, taking the line kept in `lookahead` instead of reading it
+// again where the stream stands on it, and keeping the line it stops on.
+bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_view& field,
+                       Smtp_line_lookahead& lookahead, Vek_status& status);
 
 // The value of a field made from its raw lines: continuation lines are
 // joined by one space, and a backslash that ends a line inside a quoted

@@ -278,4 +278,25 @@ TEST(HeaderRoundTrip, Corpus) {
   EXPECT_GT(fields, 800u);
 }
 
+// Reading with a lookahead line reads the same fields as reading each line
+// afresh, and leaves the stream at the same places.
+TEST(HeaderRoundTrip, LookaheadReadsTheSame) {
+  for (const Corpus_message& message : load_corpus()) {
+    Text_stream plain(message.text);
+    Text_stream ahead(message.text);
+    Smtp_raw_field_view want, got;
+    Smtp_line_lookahead lookahead;
+    Vek_status want_status, got_status;
+    for (;;) {
+      const bool want_result = read_header_field(plain.stream, smtp_max_header_line, want, want_status);
+      ASSERT_EQ(read_header_field(ahead.stream, smtp_max_header_line, got, lookahead, got_status), want_result);
+      ASSERT_EQ(got_status.value(), want_status.value()) << message.name;
+      ASSERT_EQ(ahead.stream.tell(), plain.stream.tell()) << message.name;
+      if (!want_result || !want_status.ok()) break;
+      ASSERT_EQ(got.name, want.name);
+      ASSERT_EQ(unfold_field_lines(got), unfold_field_lines(want));
+    }
+  }
+}
+
 }  // namespace
