@@ -100,9 +100,9 @@ bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fiel
   };
   auto append = [&fields](std::string_view name, const Smtp_raw_field_view& field) {
     if (field.count() == 1) {
-      fields.emplace_back(std::string(name), std::string(field.line(0)));
+      fields.push_back(Smtp_header_field{std::string(name), std::string(field.line(0))});
     } else {
-      fields.emplace_back(std::string(name), unfold_field_lines(field));
+      fields.push_back(Smtp_header_field{std::string(name), unfold_field_lines(field)});
     }
   };
 
