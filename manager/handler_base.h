@@ -11,6 +11,7 @@
 #define SMTPFM_MANAGER_HANDLER_BASE_H_
 
 #include <cstdint>
+#include <memory>
 
 #include "contracts/fmg_item.h"
 #include "contracts/vek.h"
@@ -49,5 +50,14 @@ class Smtp_opaque_handler : public Fmg_handler_base {
  protected:
   ~Smtp_opaque_handler() override = default;
 };
+
+// Holds a handler and ends it with release(), for code that owns one for a
+// while (and must end it also when an exception passes).
+struct Fmg_handler_release {
+  void operator()(Fmg_handler_base* handler) const {
+    if (handler != nullptr) handler->release();
+  }
+};
+using Fmg_handler_ptr = std::unique_ptr<Fmg_handler_base, Fmg_handler_release>;
 
 #endif  // SMTPFM_MANAGER_HANDLER_BASE_H_
