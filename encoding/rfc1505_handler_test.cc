@@ -1,0 +1,306 @@
+// Messages with an "Encoding" field, opened, replaced and rebuilt through the
+// host and smtp.so, as the host does it.
+#include "encoding/rfc1505_handler.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "contracts/zor.h"
+#include "host/host.h"
+
+namespace {
+
+// Lines joined with CR LF behind each, as a host hands mail over.
+std::string crlf(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const auto& line : lines) text += line + "\r\n";
+  return text;
+}
+
+// A message whose "Encoding" field has `value`, with `body`.
+std::string message(const std::string& value, const std::string& body) {
+  return crlf({"From: a@example.org", "Subject: =?ISO-8859-1?Q?Caf=E9?=", "Encoding: " + value, ""}) + body;
+}
+
+std::string text_of(const Vek_buffer* buffer) {
+  if (buffer == nullptr || buffer->size() == 0) return std::string();
+  return std::string(reinterpret_cast<const char*>(buffer->data()), buffer->size());
+}
+
+class Rfc1505 : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    options_.module_path = SMTPFM_MODULE_PATH;
+    std::string error;
+    library_ = Plugin_library::load(options_, error).release();
+    ASSERT_NE(library_, nullptr) << error;
+  }
+  static void TearDownTestSuite() {
+    delete library_;
+    library_ = nullptr;
+  }
+
+  // Opens `bytes` through a new manager that exports `export_headers`.
+  Message_tree& open(const std::string& bytes, std::vector<std::string> export_headers = {}) {
+    tree_.reset();
+    manager_.reset();
+    Host_options options = options_;
+    options.export_headers = std::move(export_headers);
+    std::string error;
+    manager_.reset(library_->create_manager(options, error));
+    EXPECT_NE(manager_, nullptr) << error;
+    tree_ = std::make_unique<Message_tree>(*manager_, bytes, options);
+    EXPECT_EQ(tree_->root().handler_name, "Smtp_rfc1505_handler") << tree_->root().failure;
+    return *tree_;
+  }
+  // The bytes of the sub-items, in the host's order.
+  std::vector<std::string> parts() {
+    std::vector<std::string> result;
+    for (const auto& child : tree_->root().children) result.emplace_back(child->bytes());
+    return result;
+  }
+  // The root handler's own rebuild, whether or not the host would ask.
+  std::string rebuild_root(Vek_status& status) {
+    Item_node& root = tree_->root();
+    std::unique_ptr<Vek_buffer> out(root.handler->rebuild(*root.item, status));
+    return text_of(out.get());
+  }
+  bool root_modified() {
+    Vek_status status;
+    return tree_->root().handler->is_modified(*tree_->root().item, status);
+  }
+  // The host's rebuild of the whole tree.
+  std::string host_rebuild() {
+    std::string out, error;
+    EXPECT_TRUE(tree_->rebuild(out, error)) << error;
+    return out;
+  }
+  void replace(const std::string& path, const std::string& bytes) {
+    std::string error;
+    Item_node* node = tree_->find(path);
+    ASSERT_NE(node, nullptr) << path;
+    ASSERT_TRUE(tree_->replace(*node, bytes, error)) << error;
+  }
+
+  static inline Host_options options_;
+  static inline Plugin_library* library_ = nullptr;
+  // The tree goes before its manager.
+  Manager_ptr manager_;
+  std::unique_ptr<Message_tree> tree_;
+};
+
+// The host gets the parts from the second on, and the first part last.
+TEST_F(Rfc1505, CutsTheBodyByTheLineCounts) {
+  const struct {
+    const char* what;
+    std::string field;
+    std::string body;
+    std::vector<std::string> parts;  // in the host's order
+  } cases[] = {
+      // clang-format off
+      {"rest", "2 text, 1 uu", crlf({"a", "b", "", "c", "d"}), {crlf({"c", "d"}), crlf({"a", "b"})}},
+      {"first count too big", "9 text, 3 text, 1 text", crlf({"a", "b"}), {"", "", crlf({"a", "b"})}},
+      {"count of 0", "0 text, 2 text", crlf({"a", "b"}), {crlf({"a", "b"}), ""}},
+      {"no blank line", "1 text, 1 text", crlf({"a", "b"}), {crlf({"b"}), crlf({"a"})}},
+      {"two blank lines", "1 text, 2 text", crlf({"a", "", "", "b"}), {crlf({"", "b"}), crlf({"a"})}},
+      {"last without count", "1 text, uu", crlf({"a", "", "x", "y"}), {crlf({"x", "y"}), crlf({"a"})}},
+      {"no final line end", "1 text, 1 text", crlf({"a"}) + "b", {"b", crlf({"a"})}},
+      {"empty body", "3 text, 2 text", "", {"", ""}},
+      // clang-format on
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    open(message(c.field, c.body));
+    EXPECT_EQ(parts(), c.parts);
+    const auto& children = tree_->root().children;
+    for (size_t i = 0; i < children.size(); ++i) {
+      Fmg_host_item& item = *children[i]->item;
+      bool first_part = i + 1 == children.size();
+      EXPECT_EQ(item.string_property(ZOR_ITEM_TYPE), first_part ? ZOR_BODY_ITEM : ZOR_ATTACHMENT_ITEM);
+      EXPECT_EQ(item.properties().find(ZOR_ITEM_LENGTH)->integer_value(),
+                static_cast<int32_t>(c.parts[i].size()));
+    }
+    // Nothing replaced and nothing cleaned: the message goes on as it came.
+    EXPECT_FALSE(root_modified());
+    Vek_status status;
+    EXPECT_EQ(rebuild_root(status), tree_->input());
+    EXPECT_TRUE(status.ok());
+  }
+}
+
+TEST_F(Rfc1505, ExportsHeadersAsTheyAreWrittenAndKeepsThemReadOnly) {
+  open(message("1 text, 1 text", crlf({"a", "b"})), {"Subject", "encoding"});
+  const auto& children = tree_->root().children;
+  ASSERT_EQ(children.size(), 4u);
+  const Fmg_host_item& subject = *children[0]->item;
+  EXPECT_EQ(subject.string_property(ZOR_ITEM_TYPE), ZOR_HEADER_ITEM);
+  EXPECT_EQ(subject.string_property(ZOR_ITEM_NAME), u"SUBJECT");
+  EXPECT_EQ(subject.string_property(ZOR_ITEM_CHARSET), u"UNICODE");
+  // Encoded words are not decoded in a message without MIME.
+  Vek_wstring value(children[0]->bytes().size() / 2, u'\0');
+  std::memcpy(value.data(), children[0]->bytes().data(), value.size() * 2);
+  EXPECT_EQ(value, u"=?ISO-8859-1?Q?Caf=E9?=");
+  EXPECT_EQ(children[1]->item->string_property(ZOR_ITEM_NAME), u"ENCODING");
+  EXPECT_FALSE(children[0]->taken());
+
+  Item_node& root = tree_->root();
+  Vek_status status;
+  EXPECT_FALSE(root.handler->can_modify_item(1, *root.item, status));
+  EXPECT_TRUE(root.handler->can_modify_item(2, *root.item, status));
+  EXPECT_TRUE(root.handler->can_modify_item(3, *root.item, status));
+
+  // A header cannot be replaced, and the status stays as it came.
+  Vek_memory_buffer replacement;
+  status = smtp_bad_base64;
+  try {
+    root.handler->set_item(0, &replacement, *root.item, status);
+    ADD_FAILURE() << "set_item on a header did not throw";
+  } catch (const std::invalid_argument& e) {
+    EXPECT_STREQ(e.what(), "Smtp_rfc1505_handler::set_item - invalid position.");
+  }
+  EXPECT_EQ(status.value(), smtp_bad_base64);
+}
+
+TEST_F(Rfc1505, BadPositionsThrowWithTheOperationsName) {
+  open(message("1 text", crlf({"a"})));
+  Fmg_handler_base& handler = *tree_->root().handler;
+  Fmg_item& item = *tree_->root().item;
+  Vek_status status;
+  uint32_t position = 1;
+  const std::pair<const char*, std::function<void()>> calls[] = {
+      {"get_item", [&] { handler.get_item(position, item, status); }},
+      {"free_item", [&] { handler.free_item(1, item, status); }},
+      {"can_modify_item", [&] { handler.can_modify_item(smtp_no_position, item, status); }},
+      {"is_item_modified", [&] { handler.is_item_modified(7, item, status); }},
+  };
+  for (const auto& [operation, call] : calls) {
+    try {
+      call();
+      ADD_FAILURE() << operation << " did not throw";
+    } catch (const std::invalid_argument& e) {
+      EXPECT_EQ(e.what(), std::string("Smtp_rfc1505_handler::") + operation + " - invalid position.");
+    }
+  }
+}
+
+// A cleaned field is written anew with the real counts, under its proper
+// name, with its comments, in place of every "Encoding" field; the parts
+// stay as they were.
+TEST_F(Rfc1505, RepairedFieldIsRewrittenWithNothingReplaced) {
+  const std::string body = crlf({"a", "", "x", "y", "", "z"});
+  // The last of several fields describes the body.
+  open(crlf({"From: a@example.org", "ENCODING: 9 text", "X-Note: kept",
+             "encoding: 1 Text;, 2 uuencode (report), 9 text", ""}) +
+       body);
+  EXPECT_TRUE(root_modified());
+  const std::string fresh = "Encoding: 1 Text, 2 uuencode (report), 1 text";
+  EXPECT_EQ(host_rebuild(), crlf({"From: a@example.org", fresh, "X-Note: kept", fresh, ""}) + body);
+}
+
+// The last entry has no count in the message, and the rewrite gives it the
+// number of lines that the part has.
+TEST_F(Rfc1505, ReplacedPartGetsItsCountAndALineEnd) {
+  open(message("1 text (intro), uuencode", crlf({"a", "", "x", "y", "z"})));
+  ASSERT_EQ(parts().size(), 2u);
+  replace("1", "new\r\nlines");  // the first part, which the host reads last
+  Vek_status status;
+  EXPECT_TRUE(tree_->root().handler->is_item_modified(1, *tree_->root().item, status));
+  EXPECT_FALSE(tree_->root().handler->is_item_modified(0, *tree_->root().item, status));
+  std::string rebuilt = host_rebuild();
+  EXPECT_EQ(rebuilt, crlf({"From: a@example.org", "Subject: =?ISO-8859-1?Q?Caf=E9?=",
+                           "Encoding: 2 text (intro), 3 uuencode", "", "new", "lines", "", "x", "y", "z"}));
+}
+
+TEST_F(Rfc1505, ReopenedRebuildGivesTheNewPartAndTheOthersUnchanged) {
+  const std::string field = "2 text, 3 uuencode (attachment), 1 text (signature)";
+  open(message(field, crlf({"one", "two", "", "begin 644 a.bin", "#86)C", "end", "", "-- ", "sig"})));
+  std::vector<std::string> before = parts();
+  ASSERT_EQ(before.size(), 3u);
+  replace("0", crlf({"begin 644 b.bin", "M86)C86)C", "`", "end"}));
+  std::string rebuilt = host_rebuild();
+
+  open(rebuilt);
+  std::vector<std::string> after = parts();
+  ASSERT_EQ(after.size(), 3u);
+  EXPECT_EQ(after[0], crlf({"begin 644 b.bin", "M86)C86)C", "`", "end"}));
+  EXPECT_EQ(after[1], before[1]);
+  EXPECT_EQ(after[2], before[2]);
+  EXPECT_NE(rebuilt.find("Encoding: 2 text, 4 uuencode (attachment), 2 text (signature)\r\n"),
+            std::string::npos)
+      << rebuilt;
+}
+
+// Four lines of junk end a header early, and they open the body instead; the
+// rewrite keeps them there and does not copy them into the header too.
+TEST_F(Rfc1505, JunkThatEndsTheHeaderStaysInTheFirstPartOnly) {
+  std::vector<std::string> header = {"From: a@example.org", "Subject: filler", "Encoding: 6 text, 1 text"};
+  for (int i = 0; i < 17; ++i) header.push_back("X-Filler-" + std::to_string(i) + ": x");
+  const std::string junk = crlf({"a b: 1", "a b: 2", "a b: 3", "a b: 4"});
+  open(crlf(header) + junk + crlf({"", "hello", "", "next"}));
+  ASSERT_EQ(parts(), (std::vector<std::string>{crlf({"next"}), junk + crlf({"", "hello"})}));
+  replace("0", "other\r\n");
+  EXPECT_EQ(host_rebuild(), crlf(header) + crlf({""}) + junk + crlf({"", "hello", "", "other"}));
+}
+
+// A field that was cleaned and still names no part leaves nothing to write a
+// new field from: the message stays as it came rather than lose its body.
+TEST_F(Rfc1505, CleanedFieldWithNoPartsKeepsTheMessage) {
+  const struct {
+    const char* what;
+    std::string field;
+    bool logged;
+  } cases[] = {
+      {"a field that does not parse", "text., 3 text", true},
+      {"a field of nothing but specials", ".;.", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string bytes = message(c.field, crlf({"a", "", "b"}));
+    open(bytes, {"Encoding"});
+    ASSERT_EQ(tree_->root().children.size(), 1u);  // the exported field only
+    EXPECT_EQ(tree_->root().item->has_log(33), c.logged);
+    EXPECT_FALSE(root_modified());
+    Vek_status status;
+    EXPECT_EQ(rebuild_root(status), bytes);
+    EXPECT_TRUE(status.ok());
+    EXPECT_EQ(host_rebuild(), bytes);
+  }
+}
+
+TEST_F(Rfc1505, EncodingFieldWithoutValueIsAFaultOfTheCaller) {
+  tree_.reset();
+  std::string error;
+  manager_.reset(library_->create_manager(options_, error));
+  Message_tree tree(*manager_, message("", crlf({"a"})), options_);
+  EXPECT_FALSE(tree.root().taken());
+  EXPECT_NE(tree.root().failure.find("Smtp_rfc1505_handler::set_data - lost the Encoding header field."),
+            std::string::npos)
+      << tree.root().failure;
+  std::string out;
+  EXPECT_TRUE(tree.rebuild(out, error));
+  EXPECT_EQ(out, tree.input());
+}
+
+TEST_F(Rfc1505, SampleMessageOpensIntoItsThreeParts) {
+  std::ifstream file(std::string(SMTPFM_SAMPLE_DIR) + "/rfc1505-encoding.eml", std::ios::binary);
+  ASSERT_TRUE(file);
+  std::stringstream text;
+  text << file.rdbuf();
+  open(text.str());
+  std::vector<std::string> got = parts();
+  ASSERT_EQ(got.size(), 3u);
+  EXPECT_EQ(got[0].rfind("begin 644 figures.csv\r\n", 0), 0u);
+  EXPECT_EQ(got[1], crlf({"-- ", "Ben"}));
+  EXPECT_EQ(got[2].rfind("Hello,\r\n", 0), 0u);
+  EXPECT_FALSE(root_modified());
+}
+
+}  // namespace
