@@ -1,10 +1,9 @@
 #include "manager/rfc822_handler.h"
 
-#include <stdexcept>
 #include <string>
 
-#include "contracts/zor.h"
 #include "manager/header_export.h"
+#include "manager/table_access.h"
 #include "reader/header_block.h"
 
 Smtp_rfc822_handler::Smtp_rfc822_handler(const std::vector<std::string>& export_headers, bool is_message)
@@ -12,10 +11,11 @@ Smtp_rfc822_handler::Smtp_rfc822_handler(const std::vector<std::string>& export_
 
 Smtp_rfc822_handler::~Smtp_rfc822_handler() { table_.clear_items(); }
 
-void Smtp_rfc822_handler::test_position(uint32_t position, const char* operation) const {
-  if (!table_.valid_position(position))
-    throw std::invalid_argument(std::string("Smtp_rfc822_handler::") + operation + " - invalid position.");
-}
+namespace {
+
+constexpr const char* handler_name = "Smtp_rfc822_handler";
+
+}  // namespace
 
 void Smtp_rfc822_handler::set_data(Vek_buffer* buffer, Fmg_item&, Vek_status& status) {
   status.clear();
@@ -43,14 +43,9 @@ void Smtp_rfc822_handler::set_data(Vek_buffer* buffer, Fmg_item&, Vek_status& st
   table_.body_index = add_body(status, table_.items, table_.item_order, std::move(body_view), "text", "plain",
                                "7bit", is_message_ ? smtp_item_body : smtp_item_attachment);
 
-  // item_order is still 0, 1, 2...: moving the body to the end puts it
-  // behind the rest of a cut body, so the host gets the body last.
-  uint32_t body = table_.body_index;
-  if (body != smtp_no_position && !table_.items.empty() && body != table_.count() - 1 &&
-      body < table_.item_order.size()) {
-    table_.item_order.erase(table_.item_order.begin() + body);
-    table_.item_order.push_back(body);
-  }
+  // Moving the body to the end puts it behind the rest of a cut body, so the
+  // host gets the body last.
+  move_body_last(table_);
 }
 
 bool Smtp_rfc822_handler::has_items(Fmg_item&, Vek_status& status) {
@@ -59,47 +54,28 @@ bool Smtp_rfc822_handler::has_items(Fmg_item&, Vek_status& status) {
 }
 
 Vek_buffer* Smtp_rfc822_handler::get_item(uint32_t& position, Fmg_item& item, Vek_status& status) {
-  status.clear();
-  test_position(position, "get_item");
-  const Smtp_item_record& record = table_.at_position(position);
-  // The length goes out as a signed number: an unknown length reads -1.
-  Tav_property length(ZOR_ITEM_LENGTH, static_cast<int32_t>(record.length));
-  if (record.type == smtp_item_header) {
-    item.set_property(ZOR_ITEM_TYPE, ZOR_HEADER_ITEM);
-    item.add_property(length);
-    item.set_property(ZOR_ITEM_NAME, vek_stow(record.name));
-    item.set_property(ZOR_ITEM_CHARSET, u"UNICODE");
-  } else {
-    if (is_message_)
-      item.set_property(ZOR_ITEM_TYPE, record.type == smtp_item_body ? ZOR_BODY_ITEM : ZOR_ATTACHMENT_ITEM);
-    item.add_property(length);
-  }
-  ++position;
-  if (position == table_.count()) position = smtp_no_position;
-  return record.buffer.get();
+  return get_table_item(table_, position, item, is_message_, handler_name, status);
 }
 
 void Smtp_rfc822_handler::set_item(uint32_t position, Vek_buffer* buffer, Fmg_item&, Vek_status& status) {
   status.clear();
-  if (position < table_.header_item_count || !table_.valid_position(position))
-    throw std::invalid_argument("Smtp_rfc822_handler::set_item - invalid position.");
-  table_.at_position(position).replace_buffer(std::unique_ptr<Vek_buffer>(buffer));
+  replace_table_item(table_, position, buffer, handler_name);
 }
 
 void Smtp_rfc822_handler::free_item(uint32_t position, Fmg_item&, Vek_status& status) {
-  test_position(position, "free_item");
+  test_table_position(table_, position, handler_name, "free_item");
   status.clear();
 }
 
 bool Smtp_rfc822_handler::can_modify_item(uint32_t position, Fmg_item&, Vek_status& status) {
   status.clear();
-  test_position(position, "can_modify_item");
+  test_table_position(table_, position, handler_name, "can_modify_item");
   return position >= table_.header_item_count;
 }
 
 bool Smtp_rfc822_handler::is_item_modified(uint32_t position, Fmg_item&, Vek_status& status) {
   status.clear();
-  test_position(position, "is_item_modified");
+  test_table_position(table_, position, handler_name, "is_item_modified");
   return table_.at_position(position).modified;
 }
 

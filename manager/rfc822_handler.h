@@ -58,9 +58,6 @@ class Smtp_rfc822_handler : public Fmg_handler_base {
   ~Smtp_rfc822_handler() override;
 
  private:
-  // Throws invalid_argument naming `operation` unless `position` is valid.
-  void test_position(uint32_t position, const char* operation) const;
-
   const std::vector<std::string>& export_headers_;
   bool is_message_;
   // Position in `data` of the first byte behind the blank line that ends
