@@ -1,6 +1,27 @@
 #include "manager/format_manager.h"
 
 #include <algorithm>
+#include <string_view>
+
+#include "codecs/encoded_words.h"
+#include "contracts/zor.h"
+#include "manager/rfc822_handler.h"
+#include "reader/field_parsers.h"
+#include "reader/header_block.h"
+
+namespace {
+
+// The only fields that recognition keeps: those that choose the handler
+// and those that are published. All others are counted by name only.
+bool is_recognition_field(std::string_view name) {
+  return vek_string_equal_nc(name, "MIME-Version") || vek_string_equal_nc(name, "Content-Type") ||
+         vek_string_equal_nc(name, "Encoding") || vek_string_equal_nc(name, "Subject") ||
+         vek_string_equal_nc(name, "Date");
+}
+
+enum class Smtp_handler_kind { rfc1521, rfc1505, rfc822 };
+
+}  // namespace
 
 void Smtp_format_manager::begin_properties(Vek_status& status) {
   status.clear();
@@ -23,7 +44,119 @@ void Smtp_format_manager::set_property(const Tav_property& property, Vek_status&
   }
 }
 
-Fmg_handler_base* Smtp_format_manager::open(Vek_buffer*, Fmg_item&, Vek_status& status) {
+Fmg_handler_base* Smtp_format_manager::open(Vek_buffer* buffer, Fmg_item& item, Vek_status& status) {
+  // Exported header fields come back to us as sub-items; they are text that
+  // we made, never a message.
+  const Tav_property* charset = item.properties().find(ZOR_ITEM_CHARSET);
+  if (charset != nullptr && charset->type() == Tav_property::type_string &&
+      vek_string_equal_nc(charset->string_value(), u"UNICODE"))
+    return nullptr;
+
   status.clear();
-  return nullptr;
+  Vek_buffered_istream stream(buffer, true, status, vek_eol_lf);
+  if (!status.ok()) return nullptr;
+
+  std::vector<Smtp_header_field> fields;
+  std::vector<std::string> field_names;
+  bool header = read_header_block(stream, fields, status, is_recognition_field, &field_names);
+
+  // A part of a MIME entity may start with no header at all: its content
+  // type came from the entity around it.
+  bool enclosed = item.properties().find(ZOR_ENCLOSED_MIME_TYPE) != nullptr;
+  bool taken =
+      (header && status.ok() && looks_like_message_header(field_names)) || (field_names.empty() && enclosed);
+  if (!taken) return nullptr;
+
+  bool is_message = true;
+  if (item.parent_item() != nullptr) {
+    const Tav_property* message = item.properties().find(ZOR_MESSAGE_ITEM);
+    is_message = message != nullptr && message->type() == Tav_property::type_bool && message->bool_value();
+  }
+
+  // The handler: the entity's own content type rules an enclosed part; a
+  // MIME-Version, or a Content-Type that is a real media type, makes a MIME
+  // message; an Encoding field an RFC 1505 message; all else is plain.
+  Smtp_handler_kind kind = Smtp_handler_kind::rfc822;
+  std::string subject;
+  std::string date;
+  if (enclosed) {
+    kind = Smtp_handler_kind::rfc1521;
+  } else {
+    const Smtp_header_field* mime_version = nullptr;
+    const Smtp_header_field* content_type = nullptr;
+    const Smtp_header_field* encoding = nullptr;
+    for (const Smtp_header_field& field : fields) {
+      if (vek_string_equal_nc(field.name, "MIME-Version"))
+        mime_version = &field;
+      else if (vek_string_equal_nc(field.name, "Content-Type"))
+        content_type = &field;
+      else if (vek_string_equal_nc(field.name, "Encoding"))
+        encoding = &field;
+      else if (vek_string_equal_nc(field.name, "Subject"))
+        subject = field.value;
+      else if (vek_string_equal_nc(field.name, "Date"))
+        date = field.value;
+    }
+    if (mime_version != nullptr) {
+      kind = Smtp_handler_kind::rfc1521;
+    } else if (content_type != nullptr) {
+      // Old mailers wrote a bare word ("Content-Type: text") with no MIME
+      // behind it; such a message is plain.
+      std::string type;
+      parse_bare_content_type(content_type->value, type, status);
+      if (status.ok()) {
+        kind = Smtp_handler_kind::rfc822;
+      } else {
+        status.clear();
+        kind = Smtp_handler_kind::rfc1521;
+      }
+    } else if (encoding != nullptr) {
+      kind = Smtp_handler_kind::rfc1505;
+    }
+  }
+
+  Fmg_handler_ptr handler;
+  switch (kind) {
+    case Smtp_handler_kind::rfc1521:
+      if (factories_.rfc1521 != nullptr)
+        handler.reset(factories_.rfc1521(name(), export_headers_, is_message, add_empty_body_));
+      break;
+    case Smtp_handler_kind::rfc1505:
+      if (factories_.rfc1505 != nullptr)
+        handler.reset(factories_.rfc1505(name(), export_headers_, is_message));
+      break;
+    case Smtp_handler_kind::rfc822:
+      handler.reset(new Smtp_rfc822_handler(export_headers_, is_message));
+      break;
+  }
+  if (handler == nullptr) handler.reset(new Smtp_opaque_handler);
+
+  // The first message of a tree gives the tree its subject and date.
+  if (!enclosed && is_message) {
+    Tav_property_list& list = item.top_item()->properties();
+    if (!subject.empty() && list.find(ZOR_SUBJECT) == nullptr) {
+      Vek_wstring decoded;
+      decode_encoded_words(subject, decoded);
+      list.add(ZOR_SUBJECT, decoded);
+      item.report_property(7, status, ZOR_SUBJECT, decoded.c_str(), 0, 0);
+      status.clear();
+    }
+    if (!date.empty() && list.find(ZOR_DATE) == nullptr) list.add(ZOR_DATE, vek_stow(date));
+  }
+
+  item.set_property(ZOR_FORMAT_TYPE, u"Container");
+  item.set_property(ZOR_FORMAT_SUBTYPE, u"SMTP");
+  item.log(32, 2, name(), Vek_status());
+  handler->set_data(buffer, item, status);
+  if (!status.ok()) {
+    // A message that we recognised stays taken even if its handler cannot
+    // open it: the host sees it with no sub-items.
+    item.log(33, 2, name(), status);
+    status.clear();
+    Fmg_handler_ptr opaque(new Smtp_opaque_handler);
+    handler.reset();
+    opaque->set_data(buffer, item, status);
+    handler = std::move(opaque);
+  }
+  return handler.release();
 }

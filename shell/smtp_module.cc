@@ -15,12 +15,19 @@ namespace {
 constexpr Tav_guid smtp_type_id = {0xD00BCC02, 0x7BB8, 0x11D1, {0xA9, 0x3B, 0x00, 0xA0, 0xC9, 0x43, 0x08, 0x65}};
 constexpr uint32_t smtp_version = 0x40000;
 
+// The handlers that live in libraries above the manager, one line each; a
+// null entry makes the manager take such a message with no sub-items.
+constexpr Smtp_handler_factories smtp_handler_factories = {
+    .rfc1521 = nullptr,
+    .rfc1505 = nullptr,
+};
+
 class Smtp_element : public Plg_element {
  public:
   Smtp_element()
       : Plg_element(u"Larkspire SMTP Message", u"SMTP Message", u"Larkspire SMTP Format Manager", smtp_type_id,
                     smtp_version, smtp_version) {}
-  Plg_object* create() override { return new (std::nothrow) Smtp_format_manager(this); }
+  Plg_object* create() override { return new (std::nothrow) Smtp_format_manager(this, smtp_handler_factories); }
 };
 
 class Smtp_application : public Plg_application {
