@@ -5,6 +5,7 @@
 // element list (on first use, by the element), the element, the
 // application object, the order rule; the lock and the counters are
 // constant-initialised in the frame.
+#include "encoding/rfc1505_handler.h"
 #include "manager/format_manager.h"
 #include "shell/plg_frame.h"
 
@@ -19,7 +20,7 @@ constexpr uint32_t smtp_version = 0x40000;
 // null entry makes the manager take such a message with no sub-items.
 constexpr Smtp_handler_factories smtp_handler_factories = {
     .rfc1521 = nullptr,
-    .rfc1505 = nullptr,
+    .rfc1505 = make_rfc1505_handler,
 };
 
 class Smtp_element : public Plg_element {
