@@ -1,0 +1,123 @@
+// The frame shared by the explode drivers (smtpfm's, the peers' and the
+// memchr limit): `NAME REPEAT FILE...`.
+//
+// Every file is read into memory first, untimed; the files are expected in
+// canonical form (CR LF), as the input generator writes them. Then, timed,
+// each message is handed REPEAT times to the driver's explode function,
+// which takes it apart down to its leaves and touches every byte of every
+// leaf. One line goes to stdout:
+//
+//   bytes_in=N bytes_decoded=N seconds=S mb_per_s=X
+//
+// bytes_in and bytes_decoded are for one pass over the files (the input's
+// size, the total size of all leaves); seconds is the time of all REPEAT
+// passes; mb_per_s is REPEAT * bytes_in / seconds in units of 10^6 bytes.
+#ifndef SMTPFM_BENCH_EXPLODE_DRIVER_H_
+#define SMTPFM_BENCH_EXPLODE_DRIVER_H_
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace explode_bench {
+
+// Where touched bytes end, so that no pass can be left out by the compiler.
+inline volatile uint64_t sink = 0;
+
+// Reads every byte of `bytes`: a wrapping sum of 8-byte words and the tail.
+inline uint64_t touch(const void* data, size_t size) {
+  const auto* p = static_cast<const unsigned char*>(data);
+  uint64_t a = 0, b = 0;
+  size_t i = 0;
+  for (; i + 16 <= size; i += 16) {
+    uint64_t x, y;
+    std::memcpy(&x, p + i, 8);
+    std::memcpy(&y, p + i + 8, 8);
+    a += x;
+    b += y;
+  }
+  for (; i < size; ++i) a += p[i];
+  return a + b;
+}
+inline uint64_t touch(std::string_view bytes) { return touch(bytes.data(), bytes.size()); }
+
+inline bool read_file(const char* path, std::string& out) {
+  // Sized first, so that the peak memory is the input once.
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  if (!in) return false;
+  std::streamoff size = in.tellg();
+  if (size < 0) return false;
+  out.resize(static_cast<size_t>(size));
+  in.seekg(0);
+  in.read(out.data(), size);
+  return static_cast<bool>(in);
+}
+
+// What one message gave: the total size of its leaves and a sum of their bytes.
+struct Exploded {
+  uint64_t bytes_decoded = 0;
+  uint64_t checksum = 0;
+  void add(const void* data, size_t size) {
+    bytes_decoded += size;
+    checksum += touch(data, size);
+  }
+  void add(std::string_view bytes) { add(bytes.data(), bytes.size()); }
+};
+
+// Runs the driver: `explode(std::string_view message, Exploded& out)` is
+// called REPEAT times for every message. Returns the process's exit code.
+template <class Explode>
+int run(int argc, char** argv, Explode&& explode) {
+  if (argc < 3) {
+    std::fprintf(stderr, "usage: %s REPEAT FILE...\n", argv[0]);
+    return 2;
+  }
+  char* end = nullptr;
+  long repeat = std::strtol(argv[1], &end, 10);
+  if (end == argv[1] || *end != '\0' || repeat < 1) {
+    std::fprintf(stderr, "%s: REPEAT must be a positive number, not '%s'\n", argv[0], argv[1]);
+    return 2;
+  }
+  std::vector<std::string> messages(static_cast<size_t>(argc - 2));
+  uint64_t bytes_in = 0;
+  for (int i = 2; i < argc; ++i) {
+    if (!read_file(argv[i], messages[static_cast<size_t>(i - 2)])) {
+      std::fprintf(stderr, "%s: cannot read %s\n", argv[0], argv[i]);
+      return 1;
+    }
+    bytes_in += messages[static_cast<size_t>(i - 2)].size();
+  }
+
+  uint64_t bytes_decoded = 0;
+  uint64_t checksum = 0;
+  auto start = std::chrono::steady_clock::now();
+  for (long r = 0; r < repeat; ++r) {
+    uint64_t decoded = 0;
+    for (const std::string& message : messages) {
+      Exploded out;
+      explode(std::string_view(message), out);
+      decoded += out.bytes_decoded;
+      checksum += out.checksum;
+    }
+    bytes_decoded = decoded;
+  }
+  auto stop = std::chrono::steady_clock::now();
+  sink = checksum;
+
+  double seconds = std::chrono::duration<double>(stop - start).count();
+  double mb_per_s = seconds > 0 ? static_cast<double>(bytes_in) * static_cast<double>(repeat) / seconds / 1e6 : 0.0;
+  std::printf("bytes_in=%llu bytes_decoded=%llu seconds=%.6f mb_per_s=%.2f\n",
+              static_cast<unsigned long long>(bytes_in), static_cast<unsigned long long>(bytes_decoded), seconds,
+              mb_per_s);
+  return 0;
+}
+
+}  // namespace explode_bench
+
+#endif  // SMTPFM_BENCH_EXPLODE_DRIVER_H_
