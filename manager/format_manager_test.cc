@@ -72,10 +72,6 @@ Fmg_handler_base* make_failing(const Vek_wstring&, const std::vector<std::string
   return new Failing_handler;
 }
 
-Fmg_handler_base* make_throwing(const Vek_wstring&, const std::vector<std::string>&, bool, bool) {
-  throw std::runtime_error("factory failed");
-}
-
 const std::string plain_header = crlf({"From: a@example.org", "To: b@example.org", "Subject: hello", ""});
 
 class FormatManager : public ::testing::Test {
@@ -130,9 +126,6 @@ TEST_P(Recognition, TakesMailAndRefusesTheRest) {
   EXPECT_EQ(handler != nullptr, c.taken);
   EXPECT_EQ(item.has_log(32), c.taken);
   EXPECT_EQ(item.string_property(ZOR_FORMAT_TYPE), c.taken ? u"Container" : u"");
-  if (!c.taken) {
-    EXPECT_EQ(item.properties().size(), c.enclosed ? 1u : 0u);
-  }
 }
 
 std::string fields(int unknown, const std::vector<std::string>& known) {
@@ -254,36 +247,16 @@ INSTANTIATE_TEST_SUITE_P(
         Choice_case{"enclosed", {"Encoding: 10 text"}, true, "rfc1521"}),
     [](const ::testing::TestParamInfo<Choice_case>& info) { return std::string(info.param.label); });
 
-TEST_F(FormatManager, MissingHandlersTakeTheItemWithoutSubItems) {
-  for (const char* field : {"MIME-Version: 1.0", "Encoding: 10 text"}) {
-    Fmg_host_item item;
-    Fmg_handler_base* handler =
-        open(plain_header.substr(0, plain_header.size() - 2) + field + "\r\n\r\nx\r\n", item);
-    ASSERT_NE(handler, nullptr) << field;
-    EXPECT_TRUE(status_.ok());
-    EXPECT_FALSE(handler->has_items(item, status_));
-    EXPECT_EQ(item.string_property(ZOR_FORMAT_SUBTYPE), u"SMTP");
-    EXPECT_FALSE(item.has_log(33));
-  }
-}
-
-TEST_F(FormatManager, TakenItemIsMarkedAndLogged) {
+TEST_F(FormatManager, MissingHandlerTakesTheItemWithoutSubItems) {
   Fmg_host_item item;
-  Fmg_handler_base* handler = open(plain_header + "body\r\n", item);
+  Fmg_handler_base* handler = open(crlf({"MIME-Version: 1.0", "From: a@b", ""}) + "x\r\n", item);
   ASSERT_NE(handler, nullptr);
-  EXPECT_EQ(item.string_property(ZOR_FORMAT_TYPE), u"Container");
-  EXPECT_EQ(item.string_property(ZOR_FORMAT_SUBTYPE), u"SMTP");
+  EXPECT_FALSE(handler->has_items(item, status_));
+  EXPECT_EQ(item.string_property(ZOR_FORMAT_TYPE) + u"/" + item.string_property(ZOR_FORMAT_SUBTYPE),
+            u"Container/SMTP");
   ASSERT_EQ(item.logs().size(), 1u);
-  EXPECT_EQ(item.logs()[0].code, 32u);
-  EXPECT_EQ(item.logs()[0].severity, 2u);
-  EXPECT_EQ(item.logs()[0].text, u"smtp");
-  EXPECT_EQ(item.logs()[0].status, 0u);
-  // The exported Subject and the body.
-  EXPECT_TRUE(handler->has_items(item, status_));
-  uint32_t position = 0;
-  Fmg_host_item child(&item);
-  handler->get_item(position, child, status_);
-  EXPECT_EQ(child.string_property(ZOR_ITEM_NAME), u"SUBJECT");
+  const auto& log = item.logs()[0];
+  EXPECT_TRUE(log.code == 32 && log.severity == 2 && log.text == u"smtp" && log.status == 0);
 }
 
 TEST_F(FormatManager, FailedHandlerIsReplacedAndTheItemStaysTaken) {
@@ -293,89 +266,62 @@ TEST_F(FormatManager, FailedHandlerIsReplacedAndTheItemStaysTaken) {
   ASSERT_NE(handler, nullptr);
   EXPECT_TRUE(status_.ok());
   EXPECT_EQ(Failing_handler::alive, 0);
-  EXPECT_EQ(dynamic_cast<Failing_handler*>(handler), nullptr);
   EXPECT_FALSE(handler->has_items(item, status_));
   ASSERT_EQ(item.logs().size(), 2u);
   EXPECT_EQ(item.logs()[1].code, 33u);
   EXPECT_EQ(item.logs()[1].status, smtp_bad_content_type);
-  EXPECT_EQ(item.string_property(ZOR_FORMAT_TYPE), u"Container");
 }
 
-TEST_F(FormatManager, ExceptionFromAFactoryLeavesNothingBehind) {
-  make_manager({.rfc1521 = make_throwing});
-  Fmg_host_item item;
-  auto buffer = make_buffer(crlf({"MIME-Version: 1.0", "From: a@b", ""}));
-  Vek_status status;
-  EXPECT_THROW(manager_->open(buffer.get(), item, status), std::runtime_error);
-}
-
-TEST_F(FormatManager, SubjectAndDateGoToTheTopItem) {
+TEST_F(FormatManager, FirstMessageOfATreePublishesSubjectAndDate) {
   Fmg_host_item top;
-  open(crlf({"From: a@b", "Subject: first",
-             "Date: =?x?Q?not_decoded?=", "Subject: =?ISO-8859-1?Q?Caf=E9?=", ""}),
+  open(crlf({"From: a@b", "Subject: first", "Date: =?x?Q?as_is?=", "Subject: =?ISO-8859-1?Q?Caf=E9?=", ""}),
        top);
   EXPECT_EQ(top.string_property(ZOR_SUBJECT), u"Caf\u00E9");
-  EXPECT_EQ(top.string_property(ZOR_DATE), u"=?x?Q?not_decoded?=");
+  EXPECT_EQ(top.string_property(ZOR_DATE), u"=?x?Q?as_is?=");
   ASSERT_EQ(top.reports().size(), 1u);
-  EXPECT_EQ(top.reports()[0].code, 7u);
-  EXPECT_EQ(top.reports()[0].name, ZOR_SUBJECT);
-  EXPECT_EQ(top.reports()[0].value, u"Caf\u00E9");
+  EXPECT_TRUE(top.reports()[0].code == 7 && top.reports()[0].name == ZOR_SUBJECT &&
+              top.reports()[0].value == u"Caf\u00E9");
 
-  // A message inside it changes nothing: the first message names the tree.
+  // A message inside it changes nothing.
   Fmg_host_item inner(&top);
   inner.add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
   EXPECT_NE(open(crlf({"From: a@b", "Subject: inner", "Date: later", ""}), inner), nullptr);
-  EXPECT_EQ(top.string_property(ZOR_SUBJECT), u"Caf\u00E9");
-  EXPECT_EQ(top.string_property(ZOR_DATE), u"=?x?Q?not_decoded?=");
+  EXPECT_EQ(top.string_property(ZOR_SUBJECT) + top.string_property(ZOR_DATE), u"Caf\u00E9=?x?Q?as_is?=");
   EXPECT_TRUE(inner.reports().empty());
 }
 
-TEST_F(FormatManager, WhoPublishes) {
+TEST_F(FormatManager, OnlyMessagesThatAreNotEnclosedPublish) {
   struct Case {
-    const char* label;
-    bool message_property;  // a ZOR_MESSAGE_ITEM of type bool, true
-    bool string_property;   // a ZOR_MESSAGE_ITEM of type string
+    bool flag;          // ZOR_MESSAGE_ITEM as a bool, true
+    bool flag_as_text;  // ZOR_MESSAGE_ITEM as a string
     bool enclosed;
     bool publishes;
   };
-  const std::vector<Case> cases = {
-      {"part_of_no_message", false, false, false, false},
-      {"flagged_message", true, false, false, true},
-      {"flag_as_text", false, true, false, false},
-      {"enclosed_message", true, false, true, false},
-  };
-  for (const Case& c : cases) {
+  for (const Case& c : std::vector<Case>{{false, false, false, false},
+                                         {true, false, false, true},
+                                         {false, true, false, false},
+                                         {true, false, true, false}}) {
     Fmg_host_item top;
     Fmg_host_item part(&top);
-    if (c.message_property) part.add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
-    if (c.string_property) part.set_property(ZOR_MESSAGE_ITEM, u"true");
+    if (c.flag) part.add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
+    if (c.flag_as_text) part.set_property(ZOR_MESSAGE_ITEM, u"true");
     if (c.enclosed) part.set_property(ZOR_ENCLOSED_MIME_TYPE, u"message");
-    EXPECT_NE(open(plain_header + "x\r\n", part), nullptr) << c.label;
-    EXPECT_EQ(top.properties().find(ZOR_SUBJECT) != nullptr, c.publishes) << c.label;
-    EXPECT_EQ(part.reports().size(), c.publishes ? 1u : 0u) << c.label;
+    EXPECT_NE(open(plain_header + "x\r\n", part), nullptr);
+    EXPECT_EQ(top.properties().find(ZOR_SUBJECT) != nullptr, c.publishes);
+    EXPECT_EQ(part.reports().size(), c.publishes ? 1u : 0u);
   }
 }
 
 TEST_F(FormatManager, HandlersEndInEitherOrderBeforeTheManager) {
-  for (bool first_goes_first : {true, false}) {
-    Fmg_host_item one;
-    Fmg_host_item two;
+  for (bool in_order : {true, false}) {
+    Fmg_host_item one, two;
     auto a = make_buffer(plain_header + "a\r\n");
     auto b = make_buffer(plain_header + "begin 644 x\r\nM\r\nend\r\n");
     Vek_status status;
-    Fmg_handler_base* first = manager_->open(a.get(), one, status);
-    Fmg_handler_base* second = manager_->open(b.get(), two, status);
-    ASSERT_NE(first, nullptr);
-    ASSERT_NE(second, nullptr);
-    if (first_goes_first) {
-      first->release();
-      EXPECT_TRUE(second->has_items(two, status));
-      second->release();
-    } else {
-      second->release();
-      EXPECT_TRUE(first->has_items(one, status));
-      first->release();
-    }
+    Fmg_handler_ptr first(manager_->open(a.get(), one, status));
+    Fmg_handler_ptr second(manager_->open(b.get(), two, status));
+    (in_order ? first : second).reset();
+    EXPECT_TRUE((in_order ? second : first)->has_items(in_order ? two : one, status));
   }
 }
 

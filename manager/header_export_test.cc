@@ -90,14 +90,4 @@ TEST(HeaderExportRecord, UsesTheHandlersConversion) {
   EXPECT_EQ(wide_text_of(table.items[0]->buffer.get()), u"[hi]");
 }
 
-TEST(HeaderExportRecord, ListLookup) {
-  const std::vector<std::string> list = {"DATE", "SUBJECT", "SUBJECT", "TO"};
-  EXPECT_TRUE(is_exported_header(list, "subject"));
-  EXPECT_TRUE(is_exported_header(list, "To"));
-  EXPECT_FALSE(is_exported_header(list, "From"));
-  EXPECT_FALSE(is_exported_header(list, "Subjects"));
-  EXPECT_FALSE(is_exported_header(list, ""));
-  EXPECT_FALSE(is_exported_header({}, "Date"));
-}
-
 }  // namespace
