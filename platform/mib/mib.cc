@@ -70,20 +70,26 @@ Mib_charset mib_display_name(std::u16string_view name, Vek_status& status) {
   }
   UErrorCode error = U_ZERO_ERROR;
   // The first alias of a name is ICU's own name of its converter.
-  const char* canonical = narrow.empty() ? nullptr : ucnv_getAlias(narrow.c_str(), 0, &error);
-  if (canonical == nullptr || U_FAILURE(error)) {
+  const char* alias = narrow.empty() ? nullptr : ucnv_getAlias(narrow.c_str(), 0, &error);
+  std::string canonical;
+  if (alias != nullptr && U_SUCCESS(error)) {
+    canonical = alias;
+  } else {
     // Not a known alias: let ICU try its looser matching ("utf8", "UTF_8").
+    // The name of an algorithmic converter ("ISCII,version=0") lives in
+    // the converter, so it is copied before the probe is closed.
     error = U_ZERO_ERROR;
     Converter probe(narrow.empty() ? nullptr : ucnv_open(narrow.c_str(), &error));
     if (!probe || U_FAILURE(error)) {
       status = vek_bad_argument;
       return 0;
     }
-    canonical = ucnv_getName(probe.get(), &error);
-    if (U_FAILURE(error) || canonical == nullptr) {
+    const char* name = ucnv_getName(probe.get(), &error);
+    if (U_FAILURE(error) || name == nullptr) {
       status = vek_bad_argument;
       return 0;
     }
+    canonical = name;
   }
   std::lock_guard lock(table_mutex);
   auto& table = charset_table();

@@ -31,6 +31,21 @@ TEST(Mib, ResolvesNamesAndAliases) {
   EXPECT_EQ(mib_display_name(u"latin1", status), mib_display_name(u"ISO-8859-1", status));
 }
 
+// ICU keeps the name of an algorithmic converter in the converter itself;
+// a name found by loose matching must outlive the probe that found it.
+TEST(Mib, LooselyMatchedAlgorithmicName) {
+  for (int round = 0; round < 2; ++round) {
+    Vek_status status;
+    const Mib_charset charset = mib_display_name(u"is+cii", status);
+    ASSERT_TRUE(status.ok());
+    EXPECT_NE(charset, 0u);
+    EXPECT_EQ(mib_display_name(u"ISCII", status), charset);
+    Vek_wstring text;
+    EXPECT_TRUE(mib_charset_to_unicode(charset, "abc", text, status));
+    EXPECT_EQ(text, u"abc");
+  }
+}
+
 TEST(Mib, ConvertsAndReplaces) {
   EXPECT_EQ(convert(u"utf-8", "caf\xC3\xA9"), u"caf\u00E9");
   EXPECT_EQ(convert(u"iso-8859-1", "caf\xE9"), u"caf\u00E9");
