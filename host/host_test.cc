@@ -126,4 +126,131 @@ TEST(Tool, ErrorsGiveOneLineAndNoOutput) {
   fs::remove_all(dir);
 }
 
+fs::path corpus_folder() {
+  const char* source = std::getenv("SMTPFM_SOURCE_DIR");
+  fs::path folder = fs::path(source ? source : "/work/main") / ".." / "shared" / "corpus";
+  return fs::exists(folder) ? folder : fs::path("/work/shared/corpus");
+}
+
+std::string read_bytes(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream bytes;
+  bytes << in.rdbuf();
+  return bytes.str();
+}
+
+// Every corpus message: its tree document is valid JSON with the contract's
+// keys, and a message that nothing changed comes back byte for byte.
+TEST(Corpus, TreesParseAndUnchangedMessagesComeBackWhole) {
+  std::string error;
+  Host_options options = plugin_options();
+  options.export_headers = {"Subject", "From"};
+  auto library = Plugin_library::load(options, error);
+  ASSERT_NE(library, nullptr) << error;
+  Manager_ptr manager(library->create_manager(options, error));
+  size_t messages = 0, taken = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(corpus_folder())) {
+    if (!entry.is_regular_file() || entry.path().extension() == ".md") continue;
+    ++messages;
+    Message_tree tree(*manager, read_bytes(entry.path()), options);
+    std::string line = tree_json(tree, entry.path().string()).dump();
+    Json document = Json::parse(line);
+    for (auto key : {"path", "length", "properties", "reports", "log", "taken", "handler", "open_status",
+                     "modified", "items"})
+      EXPECT_TRUE(document["item"].contains(key)) << key;
+    if (tree.root().taken()) ++taken;
+    bool modified = false;
+    tree.for_each([&](Item_node& node) {
+      Vek_status status;
+      if (node.handler != nullptr && node.handler->is_modified(*node.item, status)) modified = true;
+      EXPECT_TRUE(node.failure.empty()) << entry.path() << " " << node.path << ": " << node.failure;
+    });
+    if (modified) continue;  // repaired messages are written anew
+    std::string out;
+    ASSERT_TRUE(tree.rebuild(out, error)) << entry.path() << ": " << error;
+    ASSERT_EQ(out, tree.input()) << entry.path();
+  }
+  EXPECT_EQ(messages, 128u);
+  EXPECT_EQ(taken, 120u);  // eight damaged messages are refused by the recognition rules
+}
+
+class Tool_run : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() /
+           ("smtpfm-tool-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+  std::string path(const std::string& name) const { return (dir_ / name).string(); }
+  fs::path dir_;
+};
+
+constexpr char plain_message[] =
+    "From: a@example.org\r\nSubject: figures\r\n\r\nSee below.\r\n"
+    "begin 644 f.txt\r\n#86)C\r\n`\r\nend\r\nbye\r\n";
+
+TEST_F(Tool_run, ExtractReplaceAndRebuildAPlainMessage) {
+  std::ofstream(path("msg.eml"), std::ios::binary) << plain_message;
+  ASSERT_EQ(smtpfm("extract " + path("msg.eml") + " -o " + path("out")), 0);
+  // The body was cut at its uuencoded block: the block and what follows it
+  // is item 0, the text in front of it item 1.
+  EXPECT_EQ(read_bytes(path("out/0")), "begin 644 f.txt\r\n#86)C\r\n`\r\nend\r\nbye\r\n");
+  EXPECT_EQ(read_bytes(path("out/1")), "See below.\r\n");
+  Json manifest = Json::parse(read_bytes(path("out/manifest.json")));
+  ASSERT_EQ(manifest["items"].size(), 2u);
+  EXPECT_EQ(manifest["items"][0]["properties"][0], Json::array({"ItemType", "AttachmentItem"}));
+
+  std::ofstream(path("new.txt"), std::ios::binary) << "(removed)\r\n";
+  ASSERT_EQ(smtpfm("replace " + path("msg.eml") + " --item 0 --with " + path("new.txt") + " -o " +
+                   path("replaced.eml")),
+            0);
+  EXPECT_EQ(read_bytes(path("replaced.eml")),
+            "From: a@example.org\r\nSubject: figures\r\n\r\nSee below.\r\n(removed)\r\n");
+
+  ASSERT_EQ(smtpfm("rebuild " + path("msg.eml") + " -o " + path("same.eml")), 0);
+  EXPECT_EQ(read_bytes(path("same.eml")), plain_message);
+
+  std::string err;
+  EXPECT_EQ(smtpfm("replace " + path("msg.eml") + " --item x --with " + path("new.txt") + " -o " +
+                       path("bad.eml"),
+                   &err),
+            1);
+  EXPECT_NE(err.find("no item x"), std::string::npos) << err;
+  EXPECT_FALSE(fs::exists(path("bad.eml")));
+}
+
+TEST_F(Tool_run, HeaderItemsCannotBeReplaced) {
+  std::ofstream(path("msg.eml"), std::ios::binary) << plain_message;
+  std::ofstream(path("new.txt"), std::ios::binary) << "x";
+  std::string err;
+  EXPECT_EQ(smtpfm("replace " + path("msg.eml") + " --export-header Subject --item 0 --with " + path("new.txt") +
+                       " -o " + path("out.eml"),
+                   &err),
+            1);
+  EXPECT_NE(err.find("may not be changed"), std::string::npos) << err;
+  EXPECT_FALSE(fs::exists(path("out.eml")));
+}
+
+TEST_F(Tool_run, ScanCountsAndWritesJsonLines) {
+  std::ofstream(path("box.mbox"), std::ios::binary)
+      << "From x Mon Jan 1 00:00:00 2024\nFrom: a@b\nSubject: one\n\nhi\n\n"
+         "From x Mon Jan 1 00:00:00 2024\nnot mail at all\n";
+  std::string err;
+  EXPECT_EQ(smtpfm("scan -j 2 " + path("box.mbox") + " --json-lines " + path("trees.jsonl") + " > " +
+                   path("summary.txt")),
+            0);
+  std::string summary = read_bytes(path("summary.txt"));
+  EXPECT_NE(summary.find("messages: 2\ntaken: 1\nrefused: 1"), std::string::npos) << summary;
+  std::istringstream lines(read_bytes(path("trees.jsonl")));
+  std::string line;
+  int documents = 0;
+  while (std::getline(lines, line)) {
+    EXPECT_TRUE(Json::parse(line).contains("item"));
+    ++documents;
+  }
+  EXPECT_EQ(documents, 2);
+}
+
 }  // namespace
