@@ -7,7 +7,7 @@ ASAN_BUILD ?= build-asan
 JOBS ?= $(shell nproc)
 BUILD_TYPE ?= RelWithDebInfo
 
-.PHONY: all build build-asan demo test test-plain test-asan bench clean
+.PHONY: all build build-asan demo test test-plain test-asan bench bench-micro bench-peer-packages bench-explode clean
 
 all: build
 
@@ -36,8 +36,28 @@ test-asan: build-asan
 
 test: test-plain test-asan
 
-bench: build
+# make bench: the micro benchmarks, then the explode comparison with the
+# peer libraries (installed here when missing; they are not part of the
+# normal build). make bench-explode runs only the comparison.
+PEER_PACKAGES = libgmime-3.0-dev libmimetic-dev
+SUDO = $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+
+bench: bench-micro
+	@$(MAKE) --no-print-directory bench-explode
+
+bench-micro: build
 	@for b in $(BUILD)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.5; done
+
+bench-peer-packages:
+	@dpkg -s $(PEER_PACKAGES) pkg-config >/dev/null 2>&1 || \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y $(PEER_PACKAGES) pkg-config || \
+	  { $(SUDO) apt-get update && DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y $(PEER_PACKAGES) pkg-config; }
+
+bench-explode: build bench-peer-packages
+	cmake -S bench/peers -B $(BUILD)/bench-peers -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
+	cmake --build $(BUILD)/bench-peers -j$(JOBS)
+	python3 bench/gen_inputs.py $(BUILD)/bench-inputs
+	python3 bench/run_bench.py --build $(BUILD) --peers $(BUILD)/bench-peers --inputs $(BUILD)/bench-inputs
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD)
