@@ -455,7 +455,9 @@ void write_header_field(Vek_ostream& out, std::string_view name, std::string_vie
 void write_raw_field(Vek_ostream& out, std::string_view name, const std::vector<std::string>& lines,
                      Vek_status& status) {
   status.clear();
-  if (!name.empty() && name != smtp_bad_header_name) {
+  // A field with an empty name (a line that began with ':') keeps its
+  // colon; without it the line would read back as text of another shape.
+  if (name != smtp_bad_header_name) {
     out.write(name, status);
     if (status.ok()) out.write(":", status);
     if (status.ok() && !lines.empty() && !lines[0].empty() &&

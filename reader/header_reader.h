@@ -112,7 +112,8 @@ void write_header_field(Vek_ostream& out, std::string_view name, std::string_vie
                         Vek_status& status);
 
 // Writes a field from its raw lines, each with the stream's line end; an
-// ordinary field gets its name, a colon and one space where needed.
+// ordinary field gets its name (which may be empty), a colon and one space
+// where needed.
 void write_raw_field(Vek_ostream& out, std::string_view name, const std::vector<std::string>& lines,
                      Vek_status& status);
 

@@ -231,7 +231,8 @@ TEST(WriteRawField, Table) {
       {"A", {""}, "A:\r\n"},
       {"A", {"b", " c"}, "A: b\r\n c\r\n"},
       {"Bad-Header", {"x y", "z"}, "x y\r\nz\r\n"},
-      {"", {"v"}, "v\r\n"},
+      {"", {"v"}, ": v\r\n"},  // the colon of an empty name stays
+      {"", {""}, ":\r\n"},
   };
   for (const auto& [name, lines, want] : cases) {
     Text_output out;
@@ -239,6 +240,29 @@ TEST(WriteRawField, Table) {
     write_raw_field(out.stream, name, lines, status);
     EXPECT_TRUE(status.ok());
     EXPECT_EQ(out.text(), want) << name << render(lines);
+  }
+}
+
+// A line that begins with ':' is a field with an empty name; written back
+// it must read as the same field, not as text of another shape.
+TEST(WriteRawField, EmptyNameReadsBackTheSame) {
+  Text_stream in(":odd\r\nX: y\r\n");
+  Text_output out;
+  std::string name;
+  std::vector<std::string> lines;
+  Vek_status status;
+  std::vector<std::pair<std::string, std::vector<std::string>>> fields;
+  while (read_header_field(in.stream, smtp_max_header_line, name, lines, status) && status.ok()) {
+    fields.emplace_back(name, lines);
+    write_raw_field(out.stream, name, lines, out.status);
+  }
+  ASSERT_EQ(fields.size(), 2u);
+  EXPECT_EQ(out.text(), ": odd\r\nX: y\r\n");
+  Text_stream again(out.text());
+  for (const auto& [want_name, want_lines] : fields) {
+    ASSERT_TRUE(read_header_field(again.stream, smtp_max_header_line, name, lines, status));
+    EXPECT_EQ(name, want_name);
+    EXPECT_EQ(lines, want_lines);
   }
 }
 
