@@ -64,7 +64,18 @@ void Vek_raw_memory_buffer::write_at(uint64_t position, const void* bytes, size_
 }
 
 Vek_sub_buffer::Vek_sub_buffer(const Vek_buffer* parent, uint64_t start, uint64_t end)
-    : parent_(parent), start_(start), end_(end) {}
+    : parent_(parent), start_(start), end_(end) {
+  // A view of a view looks straight at the first parent that is no view,
+  // with the same bytes: a part nested many levels deep then answers size()
+  // and data() in one step instead of one per level. A view cannot grow, so
+  // only a last parent's growth reaches through, as it would step by step.
+  if (const auto* view = dynamic_cast<const Vek_sub_buffer*>(parent)) {
+    parent_ = view->parent_;
+    start_ = start > vek_to_end - view->start_ ? vek_to_end : view->start_ + start;
+    const uint64_t own_end = end > vek_to_end - view->start_ ? vek_to_end : view->start_ + end;
+    end_ = own_end < view->end_ ? own_end : view->end_;
+  }
+}
 
 uint64_t Vek_sub_buffer::size() const {
   if (parent_ == nullptr) return 0;

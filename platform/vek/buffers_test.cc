@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "contracts/vek.h"
 
@@ -42,6 +44,50 @@ TEST(SubBuffer, FollowsAGrowingParent) {
   EXPECT_EQ(bytes_of(sub), "bc");
   parent.write_at(3, "def", 3, status);
   EXPECT_EQ(bytes_of(sub), "bcdef");
+}
+
+TEST(SubBuffer, ViewsOfViews) {
+  std::string text = "0123456789";
+  Vek_raw_memory_buffer raw(text.size(), text.data(), 0);
+  Vek_sub_buffer middle(&raw, 2, 8);  // "234567"
+  struct Case {
+    const char* name;
+    uint64_t start, end;
+    std::string want;
+  } cases[] = {
+      {"whole", 0, vek_to_end, "234567"},           {"inside", 1, 3, "34"},
+      {"end beyond the view", 4, 100, "67"},        {"end before start", 3, 1, ""},
+      {"start beyond the view", 7, vek_to_end, ""}, {"start near the top", vek_to_end - 1, vek_to_end, ""},
+  };
+  for (const auto& c : cases) {
+    Vek_sub_buffer sub(&middle, c.start, c.end);
+    EXPECT_EQ(bytes_of(sub), c.want) << c.name;
+  }
+  Vek_sub_buffer empty(&raw, 6, 4);
+  EXPECT_EQ(bytes_of(Vek_sub_buffer(&empty, 0, vek_to_end)), "");
+
+  // A chain as deep as nested message parts make it; each level drops the
+  // first byte.
+  std::string long_text(5000, 'x');
+  long_text += "end";
+  Vek_raw_memory_buffer root(long_text.size(), long_text.data(), 0);
+  std::vector<std::unique_ptr<Vek_sub_buffer>> chain;
+  const Vek_buffer* parent = &root;
+  for (int level = 0; level < 5000; ++level) {
+    chain.push_back(std::make_unique<Vek_sub_buffer>(parent, 1, vek_to_end));
+    parent = chain.back().get();
+  }
+  EXPECT_EQ(bytes_of(*parent), "end");
+}
+
+TEST(SubBuffer, ViewOfAViewFollowsAGrowingParent) {
+  Vek_memory_buffer parent;
+  Vek_status status;
+  parent.write_at(0, "abc", 3, status);
+  Vek_sub_buffer outer(&parent, 1, vek_to_end);
+  Vek_sub_buffer inner(&outer, 1, vek_to_end);
+  parent.write_at(3, "def", 3, status);
+  EXPECT_EQ(bytes_of(inner), "cdef");
 }
 
 TEST(MemoryBuffer, WritesFillGapsAndOverwrite) {
