@@ -1,0 +1,231 @@
+// Opening a MIME entity: its header, its type and transfer encoding, and
+// its body as records.
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "codecs/base64.h"
+#include "codecs/encoded_words.h"
+#include "codecs/quoted_printable.h"
+#include "contracts/zor.h"
+#include "manager/header_export.h"
+#include "manager/table_access.h"
+#include "mime/rfc1521_handler.h"
+#include "reader/content_type_repair.h"
+#include "reader/field_parsers.h"
+
+namespace {
+
+// Severity of every log entry of this handler.
+constexpr uint32_t smtp_log_severity = 2;
+
+// Converts an exported header value for the host: a MIME message may carry
+// RFC 2047 encoded words in its fields, which the host gets decoded.
+void decode_header_value(std::string_view value, Vek_wstring& text) { decode_encoded_words(value, text); }
+
+}  // namespace
+
+Smtp_rfc1521_handler::Smtp_rfc1521_handler(const Vek_wstring& source_name,
+                                           const std::vector<std::string>& export_headers, bool is_message,
+                                           bool add_empty_body)
+    : source_name_(source_name),
+      export_headers_(export_headers),
+      is_message_(is_message),
+      add_empty_body_(add_empty_body) {}
+
+Smtp_rfc1521_handler::~Smtp_rfc1521_handler() { clear_items(); }
+
+Fmg_handler_base* make_rfc1521_handler(const Vek_wstring& name,
+                                       const std::vector<std::string>& export_headers, bool is_message,
+                                       bool add_empty_body) {
+  return new (std::nothrow) Smtp_rfc1521_handler(name, export_headers, is_message, add_empty_body);
+}
+
+const Smtp_header_field* find_parameter(const std::vector<Smtp_header_field>& parameters,
+                                        std::string_view name) {
+  for (const Smtp_header_field& parameter : parameters)
+    if (vek_string_equal_nc(parameter.name, name)) return &parameter;
+  return nullptr;
+}
+
+void Smtp_rfc1521_handler::clear_items() { table_.clear_items(); }
+
+void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_status& status) {
+  status.clear();
+  data = buffer;
+  clear_items();
+  content_type_repaired_ = false;
+  header_end_ = 0;
+  encoding_ = "7bit";
+  mime_type_.clear();
+  mime_subtype_.clear();
+  // A value worked out for other data would be wrong for this one.
+  new_content_type_.clear();
+  parameters_.clear();
+
+  Vek_buffered_istream stream(data, true, status, vek_eol_lf);
+  if (!status.ok()) return;
+
+  std::string content_type;
+  std::string transfer_encoding;
+  std::string disposition_text;
+  {
+    std::vector<Smtp_header_field> fields;
+    // A block that the reader refuses counts for nothing: the entity is
+    // then taken as if it had no fields, its body where the reader stopped.
+    if (read_header_block(stream, fields, status)) {
+      for (const Smtp_header_field& field : fields) {
+        if (!status.ok()) break;
+        if (is_message_ && is_exported_header(export_headers_, field.name))
+          export_header_field(table_, field, decode_header_value, status);
+        // The last of several fields of a name counts.
+        if (vek_string_equal_nc(field.name, "Content-Type"))
+          content_type = field.value;
+        else if (vek_string_equal_nc(field.name, "Content-Transfer-Encoding"))
+          transfer_encoding = field.value;
+        else if (vek_string_equal_nc(field.name, "Content-Disposition"))
+          disposition_text = field.value;
+      }
+    }
+  }
+  if (!status.ok()) return;
+  header_end_ = stream.tell();
+  skip_blank_line(stream);
+
+  // Without a field of its own, a part has the type that its parent gave
+  // it (message/rfc822 in a digest); anything else is plain text.
+  if (content_type.empty()) {
+    const Tav_property* type = item.properties().find(ZOR_ENCLOSED_MIME_TYPE);
+    std::string type_text;
+    std::string subtype_text;
+    if (type != nullptr) {
+      type_text = vek_wtos(type->string_value());
+      const Tav_property* subtype = item.properties().find(ZOR_ENCLOSED_MIME_SUBTYPE);
+      if (subtype != nullptr) subtype_text = vek_wtos(subtype->string_value());
+    }
+    content_type = type_text.empty() ? std::string("text/plain") : type_text + "/" + subtype_text;
+  }
+  content_type_repaired_ = repair_content_type(content_type);
+
+  bool malformed = false;
+  parse_content_type(content_type, mime_type_, mime_subtype_, parameters_, status);
+  if (!status.ok()) {
+    item.log(33, smtp_log_severity, source_name_, status);
+    status.clear();
+    malformed = true;
+  }
+
+  std::string disposition;
+  std::vector<Smtp_header_field> disposition_parameters;
+  if (!disposition_text.empty()) {
+    // A disposition that does not parse is a failure of the opening: the
+    // manager then keeps the entity with no sub-items.
+    parse_content_disposition(disposition_text, disposition, disposition_parameters, status);
+    if (!status.ok()) return;
+  }
+
+  classify_secure_entity(disposition_parameters, status);
+  if (!status.ok()) return;
+  if (is_encrypted_) {
+    // Nothing of an enciphered body is of use to the host.
+    item.log(36, smtp_log_severity, source_name_, Vek_status());
+    return;
+  }
+
+  if (!transfer_encoding.empty()) {
+    parse_transfer_encoding(transfer_encoding, encoding_, status);
+    if (!status.ok()) {
+      item.log(33, smtp_log_severity, source_name_, status);
+      status.clear();
+      malformed = true;
+    }
+  }
+
+  const bool is_body = vek_string_equal_nc(disposition, "attachment") ? false : is_message_;
+  if (!malformed) {
+    if (vek_string_equal_nc(mime_type_, "multipart")) {
+      open_multipart(stream, item, status);
+    } else if (vek_string_equal_nc(encoding_, "quoted-printable")) {
+      decode_quoted_printable_body(stream, item, is_body, status);
+    } else if (vek_string_equal_nc(encoding_, "base64")) {
+      decode_base64_body(stream, item, is_body, status);
+    } else {
+      // A body that is not decoded is a view on the entity. It is a body
+      // of a message even with the disposition "attachment": nothing marks
+      // it as a file of its own, as an encoding would.
+      auto body = std::make_unique<Vek_sub_buffer>(data, stream.tell(), vek_to_end);
+      uint32_t index =
+          add_body(status, table_.items, table_.item_order, std::move(body), mime_type_, mime_subtype_,
+                   encoding_, is_message_ ? smtp_item_body : smtp_item_attachment);
+      if (status.ok()) table_.body_index = index;
+    }
+    // The host gets the main body last; item_order is still 0, 1, 2...
+    move_body_last(table_);
+    if (status.ok() && is_message_) {
+      int32_t count = 0;
+      for (const auto& record : table_.items)
+        if (record->type == smtp_item_attachment || record->type == smtp_item_block_rest) ++count;
+      item.add_property(Tav_property(ZOR_ATTACHMENT_COUNT, count));
+    }
+  }
+  if (status.ok() && is_signed_) item.log(35, smtp_log_severity, source_name_, Vek_status());
+}
+
+void Smtp_rfc1521_handler::decode_quoted_printable_body(Vek_istream& stream, Fmg_item& item, bool is_body,
+                                                        Vek_status& status) {
+  status.clear();
+  auto decoded = std::make_unique<Vek_page_buffer>(0, 128);
+  Vek_ostream out(decoded.get(), status, vek_eol_crlf);
+  if (!status.ok()) return;
+  const uint64_t start = stream.tell();
+  const uint64_t size = stream.size(status);
+  if (!status.ok()) return;
+  const uint64_t length = size > start ? size - start : 0;
+  // Decoding never makes more bytes than it reads: the buffer of a small
+  // body stays small, that of a large one grows only once.
+  decoded->reserve(length);
+  decode_quoted_printable(stream, out, start, length, status);
+  if (status.ok()) {
+    out.detach();
+    uint32_t index =
+        add_body(status, table_.items, table_.item_order, std::move(decoded), mime_type_, mime_subtype_,
+                 "quoted-printable", is_body ? smtp_item_body : smtp_item_attachment);
+    if (is_body && status.ok()) table_.body_index = index;
+    return;
+  }
+  // Data that end inside an escape are a fault of the message: the entity
+  // goes on without a body, which stays in `data` untouched.
+  if (status == smtp_qp_end_in_escape) {
+    item.log(33, smtp_log_severity, source_name_, status);
+    status.clear();
+  }
+}
+
+void Smtp_rfc1521_handler::decode_base64_body(Vek_istream& stream, Fmg_item& item, bool is_body,
+                                              Vek_status& status) {
+  status.clear();
+  auto decoded = std::make_unique<Vek_page_buffer>(0, 128);
+  Vek_ostream out(decoded.get(), status, vek_eol_crlf);
+  if (!status.ok()) return;
+  const uint64_t start = stream.tell();
+  const uint64_t size = stream.size(status);
+  if (!status.ok()) return;
+  const uint64_t length = size > start ? size - start : 0;
+  // Four characters give at most three bytes.
+  decoded->reserve(length / 4 * 3 + 3);
+  decode_base64(stream, out, start, length, status);
+  if (status.ok()) {
+    out.detach();
+    // The record's encoding is the label that all decoded bodies carry; it
+    // is never read back, since the entity's own encoding rules rebuild.
+    uint32_t index =
+        add_body(status, table_.items, table_.item_order, std::move(decoded), mime_type_, mime_subtype_,
+                 "quoted-printable", is_body ? smtp_item_body : smtp_item_attachment);
+    if (is_body && status.ok()) table_.body_index = index;
+    return;
+  }
+  if (status == smtp_bad_base64) {
+    item.log(33, smtp_log_severity, source_name_, status);
+    status.clear();
+  }
+}

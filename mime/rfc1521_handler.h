@@ -1,0 +1,146 @@
+// Smtp_rfc1521_handler: the handler of one MIME entity (RFC 1521), a
+// message that the manager took for MIME or one part of another entity.
+//
+// It looks at one level only. A single body becomes one sub-item: the raw
+// bytes, or the decoded bytes of a quoted-printable or Base64 body. A
+// multipart body becomes one sub-item per part, each the part's raw text
+// with its own headers, which the host opens again as an entity of its own
+// (so nesting costs no recursion here; the host bounds the depth). The
+// host gets the exported header fields first, then the other sub-items in
+// the order of the entity, and the main body last. When the host has
+// replaced sub-items, rebuild writes the entity anew: what did not change
+// byte for byte, with regenerated delimiters, refolded "Content-Type"
+// fields and re-encoded bodies.
+//
+// Ownership: `data` is the host's and must stay live and unchanged while
+// the handler lives, since raw bodies and parts are views on it. The name
+// and `export_headers` are the manager's, held by reference: the manager
+// outlives its handlers. The records and their buffers are the handler's;
+// a buffer from get_item stays the handler's, one given to set_item becomes
+// the handler's, and the result of rebuild is the caller's.
+#ifndef SMTPFM_MIME_RFC1521_HANDLER_H_
+#define SMTPFM_MIME_RFC1521_HANDLER_H_
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "manager/handler_base.h"
+#include "manager/item_table.h"
+#include "reader/header_block.h"
+
+class Smtp_rfc1521_handler : public Fmg_handler_base {
+ public:
+  // `source_name` (the text of every log entry) and `export_headers` must
+  // outlive the handler; `is_message` says whether the entity stands for a
+  // message, `add_empty_body` whether a message without text gets one.
+  Smtp_rfc1521_handler(const Vek_wstring& source_name, const std::vector<std::string>& export_headers,
+                       bool is_message, bool add_empty_body);
+
+  // Reads the header, exports the listed fields, settles type and transfer
+  // encoding (repairing the "Content-Type" where needed) and takes the body;
+  // faults of the message are logged (code 33) and leave less. A failed
+  // status means the entity could not be opened at all.
+  void set_data(Vek_buffer* buffer, Fmg_item& item, Vek_status& status) override;
+  // False for an encrypted entity; otherwise whether there is any record.
+  bool has_items(Fmg_item& item, Vek_status& status) override;
+  // Sets the sub-item's properties on `item`, moves `position` on (to
+  // smtp_no_position after the last) and returns its buffer, which stays
+  // the handler's. Throws invalid_argument for a bad position.
+  Vek_buffer* get_item(uint32_t& position, Fmg_item& item, Vek_status& status) override;
+  // Takes over `buffer` as the new data of a record: a whole entity for a
+  // part, the plain bytes for a single body. An exported header or a bad
+  // position throws invalid_argument, and `buffer` stays the caller's.
+  void set_item(uint32_t position, Vek_buffer* buffer, Fmg_item& item, Vek_status& status) override;
+  // Checks the position; records stay until the handler ends.
+  void free_item(uint32_t position, Fmg_item& item, Vek_status& status) override;
+  // False for an exported header and for every record of a signed entity
+  // or a certificate; true otherwise.
+  bool can_modify_item(uint32_t position, Fmg_item& item, Vek_status& status) override;
+  // Whether the host replaced this record.
+  bool is_item_modified(uint32_t position, Fmg_item& item, Vek_status& status) override;
+  // Whether the host replaced a record or the "Content-Type" was repaired.
+  bool is_modified(Fmg_item& item, Vek_status& status) override;
+  // The entity written anew, owned by the caller whatever the status says;
+  // the caller must look at the status before using it.
+  Vek_buffer* rebuild(Fmg_item& item, Vek_status& status) override;
+
+  // The records, for tests and tools that look inside.
+  const Smtp_item_table& table() const { return table_; }
+  // The flags of a signed, an encrypted and a certificate entity.
+  bool is_signed() const { return is_signed_; }
+  bool is_encrypted() const { return is_encrypted_; }
+  bool is_certificate() const { return is_certificate_; }
+  // Whether the "Content-Type" text needed repair.
+  bool content_type_repaired() const { return content_type_repaired_; }
+  // Type, subtype and transfer encoding as written in the entity.
+  const std::string& mime_type() const { return mime_type_; }
+  const std::string& mime_subtype() const { return mime_subtype_; }
+  const std::string& encoding() const { return encoding_; }
+  // The "Content-Type" value that rebuild wrote last in place of the old
+  // one; empty until a 7-bit text had to become quoted-printable.
+  const std::string& new_content_type() const { return new_content_type_; }
+
+ protected:
+  // Deletes the records; `data` stays the host's.
+  ~Smtp_rfc1521_handler() override;
+
+ private:
+  // Opening (open.cc).
+  void clear_items();
+  void decode_quoted_printable_body(Vek_istream& stream, Fmg_item& item, bool is_body, Vek_status& status);
+  void decode_base64_body(Vek_istream& stream, Fmg_item& item, bool is_body, Vek_status& status);
+  // Access (access.cc).
+  Vek_wstring charset_or(std::u16string_view fallback) const;
+  // Signed and encrypted entities (secure.cc).
+  void classify_secure_entity(const std::vector<Smtp_header_field>& disposition_parameters,
+                              Vek_status& status);
+  bool classify_by_file_name(const std::vector<Smtp_header_field>& disposition_parameters);
+  // Splitting (multipart.cc).
+  void open_multipart(Vek_istream& stream, Fmg_item& item, Vek_status& status);
+  void add_empty_text_body();
+  uint64_t part_end(uint64_t position) const;
+  // Rebuilding (rebuild.cc).
+  bool has_body_records() const;
+  void write_headers(Vek_istream& input, Vek_ostream& output, bool refold_content_type, Vek_status& status);
+  void write_raw(Vek_buffer& out, Vek_status& status);
+  void write_quoted_printable(Vek_buffer& out, bool add_encoding_field, Vek_status& status);
+  void write_base64(Vek_buffer& out, Vek_status& status);
+  void write_multipart(Vek_buffer& out, const std::string& boundary_text, Vek_status& status);
+  void write_source_body(Vek_buffer& out, Vek_status& status);
+  bool has_eight_bit_text(const Vek_wstring& charset, Vek_status& status) const;
+
+  const Vek_wstring& source_name_;
+  const std::vector<std::string>& export_headers_;
+  const bool is_message_;
+  const bool add_empty_body_;
+  Smtp_item_table table_;
+  // Set by the classification of signed and encrypted entities; a repeated
+  // set_data never resets them.
+  bool is_signed_ = false;
+  bool is_encrypted_ = false;
+  bool is_certificate_ = false;
+  bool content_type_repaired_ = false;
+  // Where the header block that set_data read ends in `data` (in front of
+  // its blank line); the writers read the header no further.
+  uint64_t header_end_ = 0;
+  std::string encoding_ = "7bit";
+  std::string mime_type_;
+  std::string mime_subtype_;
+  std::string new_content_type_;
+  // The parameters of the "Content-Type" field, in order of appearance.
+  std::vector<Smtp_header_field> parameters_;
+};
+
+// The factory that the module hands to the manager: a new handler, owned
+// by the caller, which ends it with release().
+Fmg_handler_base* make_rfc1521_handler(const Vek_wstring& name,
+                                       const std::vector<std::string>& export_headers, bool is_message,
+                                       bool add_empty_body);
+
+// The first parameter named `name` (any case), or null.
+const Smtp_header_field* find_parameter(const std::vector<Smtp_header_field>& parameters,
+                                        std::string_view name);
+
+#endif  // SMTPFM_MIME_RFC1521_HANDLER_H_
