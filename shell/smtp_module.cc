@@ -7,6 +7,7 @@
 // constant-initialised in the frame.
 #include "encoding/rfc1505_handler.h"
 #include "manager/format_manager.h"
+#include "mime/rfc1521_handler.h"
 #include "shell/plg_frame.h"
 
 #define SMTPFM_EXPORT extern "C" __attribute__((visibility("default")))
@@ -19,7 +20,7 @@ constexpr uint32_t smtp_version = 0x40000;
 // The handlers that live in libraries above the manager, one line each; a
 // null entry makes the manager take such a message with no sub-items.
 constexpr Smtp_handler_factories smtp_handler_factories = {
-    .rfc1521 = nullptr,
+    .rfc1521 = make_rfc1521_handler,
     .rfc1505 = make_rfc1505_handler,
 };
 
