@@ -1,13 +1,21 @@
 # Two commands do all the set-up from a fresh clone:
 #   make demo   builds everything and runs smtpfm over samples/
 #   make test   builds everything twice (plain, and with AddressSanitizer and
-#               UndefinedBehaviorSanitizer) and runs the whole suite in both
+#               UndefinedBehaviorSanitizer) and runs the whole suite in both,
+#               then runs every fuzz target for 30 seconds from its seeds
+#   make fuzz   runs every fuzz target for FUZZ_SECONDS (default 600) each,
+#               growing a corpus of its own in build-fuzz/fuzz-corpus
 BUILD ?= build
 ASAN_BUILD ?= build-asan
 JOBS ?= $(shell nproc)
 BUILD_TYPE ?= RelWithDebInfo
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 600
+FUZZ_TEST_SECONDS ?= 30
+FUZZ_JOBS ?= 1
+FUZZ_TARGETS ?= host_walk header encoded_words codecs block_scanner
 
-.PHONY: all build build-asan demo test test-plain test-asan bench bench-micro bench-peer-packages bench-explode clean
+.PHONY: all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode clean
 
 all: build
 
@@ -17,11 +25,19 @@ $(BUILD)/CMakeCache.txt:
 $(ASAN_BUILD)/CMakeCache.txt:
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DSMTPFM_SANITIZE=ON -DSMTPFM_BENCH=OFF
 
+# The fuzz targets need clang and its fuzzer runtime (clang-14,
+# libclang-rt-14-dev).
+$(FUZZ_BUILD)/CMakeCache.txt:
+	CC=clang-14 CXX=clang++-14 cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSMTPFM_FUZZ=ON -DSMTPFM_BENCH=OFF
+
 build: $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j$(JOBS)
 
 build-asan: $(ASAN_BUILD)/CMakeCache.txt
 	cmake --build $(ASAN_BUILD) -j$(JOBS)
+
+build-fuzz: $(FUZZ_BUILD)/CMakeCache.txt
+	cmake --build $(FUZZ_BUILD) -j$(JOBS) --target fuzz_targets
 
 demo: build
 	@sh host/demo.sh $(BUILD)
@@ -34,7 +50,14 @@ test-asan: build-asan
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(ASAN_BUILD) --output-on-failure -j$(JOBS)
 
-test: test-plain test-asan
+# Each fuzz target for a short while from its seeds alone: a finding fails.
+test-fuzz: build-fuzz
+	FUZZ_JOBS=$(FUZZ_JOBS) sh fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_TEST_SECONDS) fresh $(FUZZ_TARGETS)
+
+test: test-plain test-asan test-fuzz
+
+fuzz: build-fuzz
+	FUZZ_JOBS=$(FUZZ_JOBS) sh fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS) keep $(FUZZ_TARGETS)
 
 # make bench: the micro benchmarks, then the explode comparison with the
 # peer libraries (installed here when missing; they are not part of the
@@ -60,4 +83,4 @@ bench-explode: build bench-peer-packages
 	python3 bench/run_bench.py --build $(BUILD) --peers $(BUILD)/bench-peers --inputs $(BUILD)/bench-inputs
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

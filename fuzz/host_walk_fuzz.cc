@@ -1,0 +1,220 @@
+// The whole host walk under arbitrary bytes: the message is opened through
+// the format manager and walked to a bounded depth, every leaf that may be
+// changed is replaced by its own bytes, every level is rebuilt and the
+// result is opened again. The plug-in's libraries are linked in (the module
+// source included), so the fuzzer sees all of their code.
+//
+// Invariants:
+// - a message whose tree has nothing modified rebuilds byte for byte;
+// - the tree of the rebuilt message equals the original's (or, where a
+//   handler repaired the message, the repaired message's): the same items
+//   in the same places, taken by the same handlers, with the same item
+//   types, MIME types and names, and the same bytes in every leaf (the
+//   same tokens in an exported header field, which may be refolded);
+// - no plug-in call throws, and every get_item moves its position on.
+//
+// The length of the input picks the configuration: odd lengths export
+// three header fields and ask for the body item too.
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "contracts/zor.h"
+#include "fuzz/fuzz_check.h"
+#include "host/host.h"
+#include "platform/vek/registry.h"
+#include "reader/tokeniser.h"
+
+extern "C" Plg_element* plg_get_factory(const char16_t* name, const Tav_guid* type);
+
+namespace {
+
+constexpr uint32_t max_depth = 6;
+
+Host_options make_options(bool rich) {
+  Host_options options;
+  options.max_depth = max_depth;
+  if (rich) {
+    options.export_headers = {"Subject", "Content-Type", "X-Fuzz"};
+    options.add_body = true;
+  }
+  return options;
+}
+
+// What Plugin_library::create_manager does, on the element linked in.
+Fmg_manager_base* make_manager(const Host_options& options) {
+  Plg_element* element = plg_get_factory(smtp_element_name, &smtp_element_type);
+  FUZZ_CHECK(element != nullptr, "the module has no element");
+  auto* manager = static_cast<Fmg_manager_base*>(element->create());
+  FUZZ_CHECK(manager != nullptr, "the element made no manager");
+  manager->set_name(u"smtpfm");
+  Tav_property_list properties;
+  for (const auto& name : options.export_headers) properties.add(u"ExportHeader", vek_utf8_to_utf16(name));
+  properties.add(Tav_property(u"AddBody", options.add_body));
+  Vek_status status;
+  manager->set_properties(properties, status);
+  FUZZ_CHECK(status.ok(), "configuring the manager failed with 0x%08x", status.value());
+  return manager;
+}
+
+// An exported header field by its meaning: its tokens under the MIME
+// specials, without comments. A field that is written anew is refolded,
+// with one space between tokens wherever it had none or several.
+std::string header_tokens(std::string_view bytes) {
+  Vek_wstring wide(bytes.size() / 2, u'\0');
+  std::memcpy(wide.data(), bytes.data(), wide.size() * 2);
+  Smtp_token_list tokens;
+  Vek_status status;
+  tokenise_field(vek_utf16_to_utf8(wide), false, false, tokens, status);
+  std::string joined = status.ok() ? "" : "(no tokens)";
+  for (const Smtp_token& token : tokens) joined.append(token.text).append(1, '\x01');
+  return joined;
+}
+
+struct Node_view {
+  std::string path;
+  std::string handler;
+  Vek_wstring item_type, mime_type, mime_subtype, name;
+  bool leaf = false;
+  bool depth_limited = false;
+  std::string bytes;  // leaves only
+  bool operator==(const Node_view&) const = default;
+};
+
+std::vector<Node_view> view_of(Message_tree& tree) {
+  std::vector<Node_view> views;
+  tree.for_each([&](Item_node& node) {
+    FUZZ_CHECK(node.failure.empty(), "item \"%s\": %s", node.path.c_str(), node.failure.c_str());
+    Node_view view;
+    view.path = node.path;
+    view.handler = node.handler_name;
+    view.item_type = node.item->string_property(ZOR_ITEM_TYPE);
+    view.mime_type = node.item->string_property(ZOR_MIME_TYPE);
+    view.mime_subtype = node.item->string_property(ZOR_MIME_SUBTYPE);
+    view.name = node.item->string_property(ZOR_ITEM_NAME);
+    view.leaf = node.is_leaf();
+    view.depth_limited = node.depth_limited;
+    if (view.leaf) view.bytes.assign(node.bytes());
+    if (view.item_type == ZOR_HEADER_ITEM) view.bytes = header_tokens(view.bytes);
+    views.push_back(std::move(view));
+  });
+  return views;
+}
+
+bool any_modified(Message_tree& tree) {
+  bool modified = false;
+  tree.for_each([&](Item_node& node) {
+    if (node.handler == nullptr) return;
+    Vek_status status;
+    if (node.handler->is_modified(*node.item, status)) modified = true;
+    FUZZ_CHECK(status.ok(), "is_modified of \"%s\" failed with 0x%08x", node.path.c_str(), status.value());
+  });
+  return modified;
+}
+
+// Bytes for a report: escaped, at most 400 of them.
+std::string printable(std::string_view bytes) {
+  std::string out;
+  for (size_t i = 0; i < bytes.size() && i < 400; ++i) {
+    const unsigned char c = static_cast<unsigned char>(bytes[i]);
+    if (c >= 32 && c < 127 && c != '\\') {
+      out.push_back(static_cast<char>(c));
+    } else {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\x%02x", c);
+      out += escape;
+    }
+  }
+  if (bytes.size() > 400) out += "...";
+  return out;
+}
+
+// The first difference of two trees, for the report.
+void report_difference(const std::vector<Node_view>& before, const std::vector<Node_view>& after) {
+  for (size_t i = 0; i < before.size() && i < after.size(); ++i) {
+    const Node_view& a = before[i];
+    const Node_view& b = after[i];
+    if (a == b) continue;
+    std::fprintf(stderr, "item \"%s\" / \"%s\": handler %s / %s, type %s / %s, mime %s/%s / %s/%s, name %s / %s, "
+                 "leaf %d / %d, %zu / %zu bytes%s\n",
+                 a.path.c_str(), b.path.c_str(), a.handler.c_str(), b.handler.c_str(),
+                 vek_utf16_to_utf8(a.item_type).c_str(), vek_utf16_to_utf8(b.item_type).c_str(),
+                 vek_utf16_to_utf8(a.mime_type).c_str(), vek_utf16_to_utf8(a.mime_subtype).c_str(),
+                 vek_utf16_to_utf8(b.mime_type).c_str(), vek_utf16_to_utf8(b.mime_subtype).c_str(),
+                 vek_utf16_to_utf8(a.name).c_str(), vek_utf16_to_utf8(b.name).c_str(), a.leaf, b.leaf,
+                 a.bytes.size(), b.bytes.size(), a.bytes == b.bytes ? "" : " (bytes differ)");
+    if (a.bytes != b.bytes) std::fprintf(stderr, "[%s]\n[%s]\n", printable(a.bytes).c_str(), printable(b.bytes).c_str());
+    return;
+  }
+  std::fprintf(stderr, "%zu items before, %zu after\n", before.size(), after.size());
+}
+
+void walk(Fmg_manager_base& manager, const Host_options& options, const std::string& input) {
+  // The output goes back in as it went out: its line ends are canonical.
+  Host_options again = options;
+  again.keep_line_ends = true;
+
+  // Unchanged: byte for byte, unless a handler repaired something. Then
+  // the repaired message is what a rebuild must give.
+  std::vector<Node_view> before;
+  {
+    Message_tree tree(manager, input, options);
+    before = view_of(tree);
+    const bool modified = any_modified(tree);
+    std::string out, error;
+    FUZZ_CHECK(tree.rebuild(out, error), "rebuilding an unchanged tree: %s", error.c_str());
+    if (!modified) {
+      FUZZ_CHECK(out == tree.input(), "an unchanged message rebuilt differently");
+    } else {
+      Message_tree repaired(manager, out, again);
+      before = view_of(repaired);
+    }
+  }
+
+  // Every leaf that may be changed replaced by its own bytes.
+  std::string rebuilt;
+  {
+    Message_tree tree(manager, input, options);
+    std::vector<Item_node*> leaves;
+    // A leaf that a handler took and repaired would lose its repair if
+    // its old bytes were handed in: such a leaf keeps its handler.
+    tree.for_each([&](Item_node& node) {
+      if (node.parent == nullptr || !node.is_leaf()) return;
+      Vek_status status;
+      if (node.handler != nullptr && node.handler->is_modified(*node.item, status)) return;
+      leaves.push_back(&node);
+    });
+    size_t replaced = 0;
+    for (Item_node* node : leaves) {
+      std::string error;
+      if (!tree.can_replace(*node, error)) continue;
+      FUZZ_CHECK(tree.replace(*node, std::string(node->bytes()), error), "replacing \"%s\": %s",
+                 node->path.c_str(), error.c_str());
+      ++replaced;
+    }
+    std::string error;
+    FUZZ_CHECK(tree.rebuild(rebuilt, error), "rebuilding with %zu items replaced: %s", replaced, error.c_str());
+  }
+
+  Message_tree tree(manager, rebuilt, again);
+  const std::vector<Node_view> after = view_of(tree);
+  if (after != before) {
+    std::fprintf(stderr, "rebuilt message:\n[%s]\n", printable(rebuilt).c_str());
+    report_difference(before, after);
+    FUZZ_CHECK(false, "the rebuilt message's tree differs from the original's");
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+  static const Host_options plain = make_options(false);
+  static const Host_options rich = make_options(true);
+  static Manager_ptr plain_manager(make_manager(plain));
+  static Manager_ptr rich_manager(make_manager(rich));
+  const bool use_rich = size % 2 == 1;
+  walk(use_rich ? *rich_manager : *plain_manager, use_rich ? rich : plain,
+       std::string(reinterpret_cast<const char*>(bytes), size));
+  return 0;
+}
