@@ -112,6 +112,10 @@ std::string tree_text(Message_tree& tree, const std::string& file) {
     if (!name.empty()) line += " \"" + name + "\"";
     std::string charset = property(node, ZOR_ITEM_CHARSET);
     if (!charset.empty()) line += " charset=" + charset;
+    if (node.parent == nullptr) {
+      std::string subject = property(node, ZOR_SUBJECT);
+      if (!subject.empty()) line += " subject \"" + subject + "\"";
+    }
     if (node.taken()) line += " <" + node.handler_name + ">";
     if (!node.item->logs().empty()) {
       line += " log";
