@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -60,7 +61,7 @@ TEST(Library, MissingModuleIsAClearError) {
 }
 
 TEST(Scan, SplitsAnMboxAtItsEnvelopeLines) {
-  fs::path dir = fs::temp_directory_path() / "smtpfm-scan-test";
+  fs::path dir = fs::temp_directory_path() / ("smtpfm-scan-test-" + std::to_string(getpid()));
   fs::remove_all(dir);
   fs::create_directories(dir / "maildir/new");
   std::ofstream(dir / "box.mbox", std::ios::binary)
@@ -96,7 +97,10 @@ TEST(LeafFileName, IsSafe) {
 
 // Runs smtpfm with `arguments`; returns its exit code and its stderr.
 int smtpfm(const std::string& arguments, std::string* err = nullptr) {
-  std::string log = (fs::temp_directory_path() / "smtpfm-test-stderr").string();
+  std::string log = (fs::temp_directory_path() /
+                     ("smtpfm-test-stderr-" + std::to_string(getpid()) + "-" +
+                      ::testing::UnitTest::GetInstance()->current_test_info()->name()))
+                        .string();
   int status = std::system((std::string(SMTPFM_BIN_DIR) + "/smtpfm " + arguments + " 2>" + log).c_str());
   if (err) {
     std::ifstream in(log);
@@ -108,7 +112,7 @@ int smtpfm(const std::string& arguments, std::string* err = nullptr) {
 }
 
 TEST(Tool, ErrorsGiveOneLineAndNoOutput) {
-  fs::path dir = fs::temp_directory_path() / "smtpfm-tool-test";
+  fs::path dir = fs::temp_directory_path() / ("smtpfm-tool-test-" + std::to_string(getpid()));
   fs::remove_all(dir);
   fs::create_directories(dir);
   std::ofstream(dir / "msg.eml") << "Subject: x\nFrom: a@b\n\nbody\n";
@@ -178,7 +182,7 @@ class Tool_run : public ::testing::Test {
  protected:
   void SetUp() override {
     dir_ = fs::temp_directory_path() /
-           ("smtpfm-tool-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+           ("smtpfm-tool-" + std::to_string(getpid()) + "-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
     fs::remove_all(dir_);
     fs::create_directories(dir_);
   }

@@ -2,6 +2,8 @@
 // and type, creating and counting managers, registering itself.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -99,7 +101,10 @@ class Registration : public Module {
  protected:
   void SetUp() override {
     Module::SetUp();
-    root_ = std::filesystem::temp_directory_path() / "smtpfm-shell-registry";
+    // One folder per test and process: ctest runs tests side by side.
+    root_ = std::filesystem::temp_directory_path() /
+            ("smtpfm-shell-registry-" + std::to_string(getpid()) + "-" +
+             ::testing::UnitTest::GetInstance()->current_test_info()->name());
     std::filesystem::remove_all(root_);
     vek_set_registry_root(root_.string());
     register_ = module_->function<Register>("plg_register_elements");

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <filesystem>
 
 namespace {
@@ -10,7 +12,7 @@ class Registry : public ::testing::Test {
  protected:
   void SetUp() override {
     root_ = std::filesystem::temp_directory_path() /
-            ("vek-registry-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+            ("vek-registry-" + std::to_string(getpid()) + "-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
     std::filesystem::remove_all(root_);
     vek_set_registry_root(root_.string());
   }
