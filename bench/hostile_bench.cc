@@ -1,0 +1,171 @@
+// Hostile inputs at two sizes, n and 10n: the time of the larger must stay
+// within about ten times the smaller (linear cost), never a hundred
+// (quadratic). The sizes are large enough that neither fits in a cache. The inputs are those of fuzz/hostile_test.cc, made by
+// fuzz/hostile_inputs.h before the timing starts. The host benchmarks load
+// smtp.so as the host does.
+//
+//   hostile_bench --benchmark_filter=Fields
+//
+// BM_LongLine's larger size is a body line of 1 GiB, which needs about
+// 4 GiB of memory; it runs once.
+#include <benchmark/benchmark.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "encoding/block_scanner.h"
+#include "fuzz/hostile_inputs.h"
+#include "host/host.h"
+#include "reader/field_parsers.h"
+#include "reader/header_block.h"
+#include "reader/header_reader.h"
+
+namespace {
+
+// The plug-in and a manager, made once.
+struct Plugin {
+  Plugin() {
+    options.module_path = SMTPFM_MODULE_PATH;
+    std::string error;
+    library = Plugin_library::load(options, error);
+    if (library) manager.reset(library->create_manager(options, error));
+    if (!manager) std::fprintf(stderr, "hostile_bench: %s\n", error.c_str());
+  }
+  Host_options options;
+  std::unique_ptr<Plugin_library> library;
+  Manager_ptr manager;
+};
+
+Plugin& plugin() {
+  static Plugin instance;
+  return instance;
+}
+
+// Opens `text` through the host to the given depth, as smtpfm tree does.
+void walk(benchmark::State& state, const std::string& text, uint32_t max_depth = 64) {
+  Plugin& p = plugin();
+  if (!p.manager) {
+    state.SkipWithError("smtp.so did not load");
+    return;
+  }
+  Host_options options = p.options;
+  options.max_depth = max_depth;
+  size_t items = 0;
+  for (auto _ : state) {
+    Message_tree tree(*p.manager, text, options);
+    items = 0;
+    tree.for_each([&](Item_node&) { ++items; });
+    benchmark::DoNotOptimize(items);
+  }
+  state.counters["items"] = static_cast<double>(items);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+}
+
+size_t read_block(const std::string& text) {
+  Vek_status status;
+  Vek_raw_memory_buffer buffer(text.size(), text.data(), 0);
+  Vek_buffered_istream stream(&buffer, true, status, vek_eol_crlf);
+  std::vector<Smtp_header_field> fields;
+  read_header_block(stream, fields, status);
+  return fields.empty() ? 0 : fields.size() + fields.back().value.size();
+}
+
+void BM_ContinuationLines(benchmark::State& state) {
+  const std::string text = hostile::continuation_lines(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) benchmark::DoNotOptimize(read_block(text));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+}
+BENCHMARK(BM_ContinuationLines)->Arg(1000000)->Arg(10000000)->Unit(benchmark::kMillisecond);
+
+void BM_QuotedBackslashLines(benchmark::State& state) {
+  const std::string text = hostile::quoted_backslash_lines(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) benchmark::DoNotOptimize(read_block(text));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+}
+BENCHMARK(BM_QuotedBackslashLines)->Arg(1000000)->Arg(10000000)->Unit(benchmark::kMillisecond);
+
+// The Content-Type parser and the folding writer, which both tokenise.
+void BM_NestedComments(benchmark::State& state) {
+  const std::string value = hostile::nested_comments(static_cast<size_t>(state.range(0)));
+  std::string type, subtype;
+  std::vector<Smtp_header_field> parameters;
+  for (auto _ : state) {
+    Vek_status status;
+    parse_content_type(value, type, subtype, parameters, status);
+    Vek_memory_buffer output;
+    Vek_ostream out(&output, status, vek_eol_crlf);
+    write_header_field(out, "Content-Type", value, true, status);
+    benchmark::DoNotOptimize(output.size());
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * value.size()));
+}
+BENCHMARK(BM_NestedComments)->Arg(1000000)->Arg(10000000)->Unit(benchmark::kMillisecond);
+
+void BM_ManyFields(benchmark::State& state) {
+  const std::string text = hostile::many_fields(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) benchmark::DoNotOptimize(read_block(text));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+}
+BENCHMARK(BM_ManyFields)->Arg(1000000)->Arg(10000000)->Unit(benchmark::kMillisecond);
+
+void BM_ManyFieldsHost(benchmark::State& state) {
+  walk(state, hostile::many_fields(static_cast<size_t>(state.range(0))));
+}
+BENCHMARK(BM_ManyFieldsHost)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+void BM_UuencodeFrames(benchmark::State& state) {
+  const std::string body = hostile::uuencode_frames(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) {
+    Vek_status status;
+    Vek_raw_memory_buffer buffer(body.size(), body.data(), 0);
+    Vek_buffered_istream stream(&buffer, true, status, vek_eol_crlf);
+    Smtp_block_scanner scanner;
+    benchmark::DoNotOptimize(scanner.scan(stream));
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * body.size()));
+}
+BENCHMARK(BM_UuencodeFrames)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+void BM_UuencodeFramesHost(benchmark::State& state) {
+  walk(state, hostile::uuencode_message(static_cast<size_t>(state.range(0))));
+}
+BENCHMARK(BM_UuencodeFramesHost)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+// The MIME handler cuts the entity into its parts; the parts themselves
+// are listed, not opened (a million handlers would measure the host).
+void BM_EmptyParts(benchmark::State& state) {
+  walk(state, hostile::empty_parts(static_cast<size_t>(state.range(0))), 0);
+}
+BENCHMARK(BM_EmptyParts)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
+
+// The same, every part opened.
+void BM_EmptyPartsOpened(benchmark::State& state) {
+  walk(state, hostile::empty_parts(static_cast<size_t>(state.range(0))));
+}
+BENCHMARK(BM_EmptyPartsOpened)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+void BM_LongLine(benchmark::State& state) {
+  walk(state, hostile::long_line(static_cast<size_t>(state.range(0)), "7bit"));
+}
+BENCHMARK(BM_LongLine)->Arg((int64_t{1} << 30) / 10)->Arg(int64_t{1} << 30)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+void BM_LongHeaderLine(benchmark::State& state) {
+  walk(state, hostile::long_header_line(static_cast<size_t>(state.range(0))));
+}
+BENCHMARK(BM_LongHeaderLine)->Arg((int64_t{1} << 30) / 10)->Arg(int64_t{1} << 30)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// The host stops at its depth bound; what is below it is passed over.
+void BM_NestedMessages(benchmark::State& state) {
+  walk(state, hostile::nested_messages(static_cast<size_t>(state.range(0))));
+}
+BENCHMARK(BM_NestedMessages)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+void BM_NestedMultiparts(benchmark::State& state) {
+  walk(state, hostile::nested_multiparts(static_cast<size_t>(state.range(0))));
+}
+BENCHMARK(BM_NestedMultiparts)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
