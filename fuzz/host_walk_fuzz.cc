@@ -10,7 +10,9 @@
 //   handler repaired the message, the repaired message's): the same items
 //   in the same places, taken by the same handlers, with the same item
 //   types, MIME types and names, and the same bytes in every leaf;
-// - no plug-in call throws, and every get_item moves its position on.
+// - no plug-in call throws, and every get_item moves its position on;
+// - a rebuild fails only where a writer refuses a header line that opening
+//   let pass (then nothing more is checked).
 //
 // The length of the input picks the configuration: odd lengths export
 // three header fields and ask for the body item too. The fields are ones
@@ -23,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "contracts/status_codes.h"
 #include "contracts/zor.h"
 #include "fuzz/fuzz_check.h"
 #include "host/host.h"
@@ -137,6 +140,12 @@ void report_difference(const std::vector<Node_view>& before, const std::vector<N
   std::fprintf(stderr, "%zu items before, %zu after\n", before.size(), after.size());
 }
 
+// A writer may refuse a header line that opening let pass (a line too
+// long or with too many bytes outside ASCII): the rebuild fails with
+// "not a header line" and the host keeps the message it has. That is an
+// honest refusal, not a loss.
+bool refused_honestly(const Message_tree& tree) { return tree.rebuild_status() == smtp_not_header_line; }
+
 void walk(Fmg_manager_base& manager, const Host_options& options, const std::string& input) {
   // The output goes back in as it went out: its line ends are canonical.
   Host_options again = options;
@@ -150,7 +159,10 @@ void walk(Fmg_manager_base& manager, const Host_options& options, const std::str
     before = view_of(tree);
     const bool modified = any_modified(tree);
     std::string out, error;
-    FUZZ_CHECK(tree.rebuild(out, error), "rebuilding an unchanged tree: %s", error.c_str());
+    if (!tree.rebuild(out, error)) {
+      if (refused_honestly(tree)) return;
+      FUZZ_CHECK(false, "rebuilding an unchanged tree: %s", error.c_str());
+    }
     if (!modified) {
       FUZZ_CHECK(out == tree.input(), "an unchanged message rebuilt differently");
     } else {
@@ -181,7 +193,10 @@ void walk(Fmg_manager_base& manager, const Host_options& options, const std::str
       ++replaced;
     }
     std::string error;
-    FUZZ_CHECK(tree.rebuild(rebuilt, error), "rebuilding with %zu items replaced: %s", replaced, error.c_str());
+    if (!tree.rebuild(rebuilt, error)) {
+      if (refused_honestly(tree)) return;
+      FUZZ_CHECK(false, "rebuilding with %zu items replaced: %s", replaced, error.c_str());
+    }
   }
 
   Message_tree tree(manager, rebuilt, again);

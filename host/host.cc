@@ -294,6 +294,7 @@ bool Message_tree::rebuild(std::string& out, std::string& error) {
     }
     if (rebuilt == nullptr || !status.ok()) {
       delete rebuilt;
+      rebuild_status_ = status.value();
       error = "rebuilding item " + (node.path.empty() ? "(top)" : node.path) + " failed with " +
               status_text(status.value());
       return false;
@@ -313,6 +314,7 @@ bool Message_tree::rebuild(std::string& out, std::string& error) {
     }
     node.buffer = rebuilt;
     if (!status.ok()) {
+      rebuild_status_ = status.value();
       error = "handing item " + node.path + " to its parent failed with " + status_text(status.value());
       return false;
     }

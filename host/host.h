@@ -107,8 +107,13 @@ class Message_tree {
   bool replace(Item_node& node, std::string bytes, std::string& error);
   // Rebuilds every level that is modified, children first, each rebuilt
   // item handed to its parent; `out` gets the top's bytes (the input as it
-  // went in when nothing changed). After this the tree is spent.
+  // went in when nothing changed). After this the tree is spent. On a
+  // failure `rebuild_status()` is the status that stopped it.
   bool rebuild(std::string& out, std::string& error);
+  // The plug-in status of the last failed rebuild, 0 when none failed. A
+  // writer may refuse a header line that opening passed (0xc2010508): the
+  // message cannot be written again, and nothing of it is lost.
+  uint32_t rebuild_status() const { return rebuild_status_; }
 
  private:
   void walk();
@@ -120,6 +125,7 @@ class Message_tree {
   std::string input_;
   std::unique_ptr<Vek_raw_memory_buffer> input_buffer_;
   std::unique_ptr<Item_node> root_;
+  uint32_t rebuild_status_ = 0;
 };
 
 // Bare LF line ends become CR LF; CR LF pairs stay as they are.
