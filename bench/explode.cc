@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
   }
 
   int code = explode_bench::run(argc, argv, [&](std::string_view message, explode_bench::Exploded& out) {
-    Message_tree tree(*manager, std::string(message), options);
+    Message_tree tree(*manager, Message_tree::Borrowed{}, message, options);
     tree.for_each([&](Item_node& node) {
       if (node.is_leaf()) out.add(node.bytes());
     });

@@ -122,7 +122,25 @@ std::string_view Item_node::bytes() const {
 }
 
 Message_tree::Message_tree(Fmg_manager_base& manager, std::string bytes, const Host_options& options)
-    : manager_(manager), options_(options), input_(options.keep_line_ends ? std::move(bytes) : make_canonical(bytes)) {
+    : manager_(manager), options_(options), owned_(options.keep_line_ends ? std::move(bytes) : make_canonical(bytes)) {
+  input_ = owned_;
+  start();
+}
+
+Message_tree::Message_tree(Fmg_manager_base& manager, Borrowed, std::string_view bytes, const Host_options& options)
+    : manager_(manager), options_(options) {
+  if (options.keep_line_ends) {
+    input_ = bytes;
+  } else {
+    owned_ = make_canonical(bytes);
+    input_ = owned_;
+  }
+  start();
+}
+
+void Message_tree::start() {
+  // Method 0: the block stays the tree's (or the caller's); the plug-in
+  // only reads it.
   input_buffer_ = std::make_unique<Vek_raw_memory_buffer>(input_.size(), input_.data(), 0);
   root_ = std::make_unique<Item_node>();
   root_->item = std::make_unique<Fmg_host_item>();

@@ -89,12 +89,17 @@ class Message_tree {
   // Opens `bytes` (made canonical unless the options say otherwise) and
   // walks it. The manager must outlive the tree.
   Message_tree(Fmg_manager_base& manager, std::string bytes, const Host_options& options);
+  // The same on bytes that the caller keeps: with keep_line_ends they are
+  // read where they are, without a copy, and must remain live and
+  // unchanged while the tree lives.
+  struct Borrowed {};
+  Message_tree(Fmg_manager_base& manager, Borrowed, std::string_view bytes, const Host_options& options);
   ~Message_tree();
   Message_tree(const Message_tree&) = delete;
   Message_tree& operator=(const Message_tree&) = delete;
 
   Item_node& root() { return *root_; }
-  const std::string& input() const { return input_; }
+  std::string_view input() const { return input_; }
   // The node of a path such as "1.0", or null.
   Item_node* find(const std::string& path);
   // Every node in walk order (parents before children).
@@ -116,13 +121,15 @@ class Message_tree {
   uint32_t rebuild_status() const { return rebuild_status_; }
 
  private:
+  void start();
   void walk();
   void open_node(Item_node& node);
   void release_subtree(Item_node& node);
 
   Fmg_manager_base& manager_;
   Host_options options_;
-  std::string input_;
+  std::string owned_;        // the input when the tree holds it
+  std::string_view input_;  // owned_ or the caller's bytes
   std::unique_ptr<Vek_raw_memory_buffer> input_buffer_;
   std::unique_ptr<Item_node> root_;
   uint32_t rebuild_status_ = 0;
