@@ -17,8 +17,14 @@
 #include "encoding/block_scanner.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
+
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#define SMTPFM_SCANNER_AVX2 1
+#endif
 
 namespace {
 
@@ -84,6 +90,121 @@ size_t find_keyword(std::string_view line, std::string_view word, size_t from) {
   if (from >= zone.size()) return std::string_view::npos;
   return zone.find(word, from);
 }
+
+#ifdef SMTPFM_SCANNER_AVX2
+const bool have_avx2 = [] {
+  __builtin_cpu_init();
+  return __builtin_cpu_supports("avx2") != 0;
+}();
+#endif
+
+// Most lines of a text hold no keyword at all. Rather than have every
+// test search every line's zone for its word, one forward pass over the
+// body finds the places where a keyword might start: its first two letters
+// and one further letter at the right distance ("be..n", "end", "ta..e",
+// "se....n", "sum"). Each such place in a line's zone is checked for the
+// whole word, and only the tests of the words found there run; a line
+// with none is text. The pass goes on from where it stopped, so every
+// byte of the body is looked at about once.
+enum Keyword_bit : uint32_t {
+  keyword_begin = 1,
+  keyword_end = 2,
+  keyword_table = 4,
+  keyword_section = 8,
+  keyword_sum = 16,
+  keyword_any = 31,
+};
+
+class Keyword_finder {
+ public:
+  // `base` to `limit` are the contiguous bytes that the lines view.
+  Keyword_finder(const char* base, const char* limit) : base_(base), limit_(limit), next_(base) {}
+
+  // The keywords that stand whole in `line`'s keyword zone, a bit each. A
+  // line outside the bytes given may hold any.
+  uint32_t words_in(std::string_view line) {
+    const char* begin = line.data();
+    if (base_ == nullptr || begin < base_ || begin + line.size() > limit_) return keyword_any;
+    const char* zone_end = begin + std::min(line.size(), smtp_keyword_zone);
+    if (next_ < begin) next_ = find_next(begin);
+    uint32_t words = 0;
+    while (next_ < zone_end) {
+      words |= words_at(next_, zone_end);
+      next_ = find_next(next_ + 1);
+    }
+    return words;
+  }
+
+ private:
+  static bool could_start(const char* q, const char* limit) {
+    const size_t left = static_cast<size_t>(limit - q);
+    switch (*q) {
+      case 'b':
+        return left >= 5 && q[1] == 'e' && q[4] == 'n';
+      case 'e':
+        return left >= 3 && q[1] == 'n' && q[2] == 'd';
+      case 't':
+        return left >= 5 && q[1] == 'a' && q[4] == 'e';
+      case 's':
+        return (left >= 7 && q[1] == 'e' && q[6] == 'n') || (left >= 3 && q[1] == 'u' && q[2] == 'm');
+      default:
+        return false;
+    }
+  }
+
+  // The first place at or behind `from` where a keyword might start;
+  // `limit_` when there is none.
+  const char* find_next(const char* from) const {
+    const char* p = from;
+#ifdef SMTPFM_SCANNER_AVX2
+    if (have_avx2) p = find_next_avx2(p, limit_);
+#endif
+    for (; p < limit_; ++p)
+      if (could_start(p, limit_)) return p;
+    return limit_;
+  }
+
+  // The keywords that start at `q` and end before `end`.
+  static uint32_t words_at(const char* q, const char* end) {
+    const std::string_view rest(q, static_cast<size_t>(end - q));
+    if (rest.starts_with("begin")) return keyword_begin;
+    if (rest.starts_with("end")) return keyword_end;
+    if (rest.starts_with("table")) return keyword_table;
+    if (rest.starts_with("section")) return keyword_section;
+    if (rest.starts_with("sum")) return keyword_sum;
+    return 0;
+  }
+
+#ifdef SMTPFM_SCANNER_AVX2
+  // Steps of 32 places while every load stays inside the bytes; returns the
+  // place found, or where the steps stopped.
+  __attribute__((target("avx2"))) static const char* find_next_avx2(const char* p, const char* limit) {
+    while (limit - p >= 32 + 6) {
+#define SMTPFM_LOAD(at) _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at))
+#define SMTPFM_EQ(bytes, c) _mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(c))
+      const __m256i at0 = SMTPFM_LOAD(p), at1 = SMTPFM_LOAD(p + 1), at2 = SMTPFM_LOAD(p + 2),
+                    at4 = SMTPFM_LOAD(p + 4), at6 = SMTPFM_LOAD(p + 6);
+      const __m256i begin = _mm256_and_si256(_mm256_and_si256(SMTPFM_EQ(at0, 'b'), SMTPFM_EQ(at1, 'e')), SMTPFM_EQ(at4, 'n'));
+      const __m256i end = _mm256_and_si256(_mm256_and_si256(SMTPFM_EQ(at0, 'e'), SMTPFM_EQ(at1, 'n')), SMTPFM_EQ(at2, 'd'));
+      const __m256i table = _mm256_and_si256(_mm256_and_si256(SMTPFM_EQ(at0, 't'), SMTPFM_EQ(at1, 'a')), SMTPFM_EQ(at4, 'e'));
+      const __m256i s_words = _mm256_and_si256(
+          SMTPFM_EQ(at0, 's'), _mm256_or_si256(_mm256_and_si256(SMTPFM_EQ(at1, 'e'), SMTPFM_EQ(at6, 'n')),
+                                        _mm256_and_si256(SMTPFM_EQ(at1, 'u'), SMTPFM_EQ(at2, 'm'))));
+      const __m256i any = _mm256_or_si256(_mm256_or_si256(begin, end), _mm256_or_si256(table, s_words));
+#undef SMTPFM_EQ
+#undef SMTPFM_LOAD
+      const uint32_t mask = static_cast<uint32_t>(_mm256_movemask_epi8(any));
+      if (mask != 0) return p + __builtin_ctz(mask);
+      p += 32;
+    }
+    return p;
+  }
+#endif
+
+  const char* base_;
+  const char* limit_;
+  const char* next_;  // the last place found; before it, from where the search began, there is none
+};
 
 // A "begin" line: the keyword, optional white space, exactly three digits,
 // optional white space and a file name. Sets `column` to the keyword's
@@ -188,13 +309,18 @@ bool Smtp_block_scanner::scan(Vek_istream& stream) {
     queue_.push_back(std::move(copy));
   };
 
+  const Vek_buffer* bytes = stream.buffer();
+  const char* base = bytes != nullptr ? reinterpret_cast<const char*>(bytes->data()) : nullptr;
+  Keyword_finder finder(base, base != nullptr ? base + bytes->size() : nullptr);
+
   for (;;) {
     uint64_t line_start = stream.tell();
     std::string_view line;
     stream.readln_view(smtp_scan_line_limit, line, status);
     if (!line.empty()) {
       uint32_t number = 0;
-      if (begin_test(line, column, file_name)) {
+      const uint32_t words = finder.words_in(line);
+      if ((words & keyword_begin) != 0 && begin_test(line, column, file_name)) {
         if (in_text || w.open) push_text(line_start);
         w.begin_position = line_start;
         w.open = true;
@@ -210,7 +336,7 @@ bool Smtp_block_scanner::scan(Vek_istream& stream) {
         w.name = file_name;
         w.closed = false;
         w.data_start = stream.tell();
-      } else if (find_keyword(line, "end", column) != std::string_view::npos) {
+      } else if ((words & keyword_end) != 0 && find_keyword(line, "end", column) != std::string_view::npos) {
         // An "end" with no open frame is ordinary text, but starts no
         // stretch of it either.
         if (w.open) {
@@ -221,10 +347,10 @@ bool Smtp_block_scanner::scan(Vek_istream& stream) {
           push_copy(w);
           w.reset();
         }
-      } else if (table_test(line, stream, column, w.table)) {
+      } else if ((words & keyword_table) != 0 && table_test(line, stream, column, w.table)) {
         w.table_position = line_start;
         w.column = column;
-      } else if (section_test(line, number)) {
+      } else if ((words & keyword_section) != 0 && section_test(line, number)) {
         if (w.open && !w.closed) {
           if (number != w.section) {
             w.data_start = stream.tell();
@@ -235,7 +361,7 @@ bool Smtp_block_scanner::scan(Vek_istream& stream) {
             push_copy(w);
           }
         }
-      } else if (find_keyword(line, "sum", column) != std::string_view::npos) {
+      } else if ((words & keyword_sum) != 0 && find_keyword(line, "sum", column) != std::string_view::npos) {
         if (w.open && !w.closed) {
           w.end_position = line_start;
           w.encoded = true;

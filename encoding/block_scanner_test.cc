@@ -70,6 +70,9 @@ INSTANTIATE_TEST_SUITE_P(
         Frame_case{"word_holding_end", {"begin 644 a", "the legend"}, true, 1},
         Frame_case{"begin_at_85", {x85 + "begin 644 a", x85 + "end"}, true, 1},
         Frame_case{"begin_at_86", {x86 + "begin 644 a", x86 + "end"}, false, 0},
+        // Keywords across the 32-byte steps of the quick search for them.
+        Frame_case{"begin_across_32", {std::string(30, 'x') + "begin 644 a", std::string(31, 'x') + "end"}, true, 1},
+        Frame_case{"sum_across_64", {"begin 644 a", std::string(62, 'x') + "sum 1"}, false, 1},
         Frame_case{"end_at_87", {"begin 644 a", std::string(87, 'x') + "end"}, true, 1},
         Frame_case{"end_at_88", {"begin 644 a", std::string(88, 'x') + "end"}, false, 0},
         Frame_case{"section_at_83", {"begin 644 a", std::string(83, 'x') + "section 1"}, false, 1},
