@@ -127,11 +127,11 @@ const bool have_avx2 = [] {
 // The decoder's state: it outlives a line, since a group of four
 // characters may be spread over several.
 struct Decoder {
-  explicit Decoder(Vek_ostream& out) : out(out), bytes(new uint8_t[output_block]) {}
+  explicit Decoder(Vek_ostream& out) : out(out) {}
 
   // Writes out the buffer; false, with `failure` set, if that fails.
   bool flush() {
-    if (used != 0) out.write(used, bytes.get(), failure);
+    if (used != 0) out.write(used, bytes, failure);
     used = 0;
     return failure.ok();
   }
@@ -145,13 +145,13 @@ struct Decoder {
       if (group == 0) {
 #ifdef SMTPFM_BASE64_AVX2
         if (have_avx2 && end - p >= 32) {
-          const size_t n = decode_blocks_avx2(p, end - p, bytes.get() + used, output_block - used);
+          const size_t n = decode_blocks_avx2(p, end - p, bytes + used, output_block - used);
           p += n;
           used += n / 4 * 3;
         }
 #endif
         size_t groups = std::min<size_t>((end - p) / 4, (output_block - used) / 3);
-        uint8_t* o = bytes.get() + used;
+        uint8_t* o = bytes + used;
         while (groups != 0) {
           const uint32_t a = table[p[0]], b = table[p[1]], c = table[p[2]], d = table[p[3]];
           if ((a | b | c | d) & 0xc0) break;
@@ -163,7 +163,7 @@ struct Decoder {
           p += 4;
           --groups;
         }
-        used = o - bytes.get();
+        used = o - bytes;
         if (output_block - used < 3 && !flush()) return write_failed;
         if (p == end) break;
       }
@@ -198,7 +198,9 @@ struct Decoder {
   }
 
   Vek_ostream& out;
-  std::unique_ptr<uint8_t[]> bytes;
+  // On the stack: a body per part, and many parts are small, so a block
+  // from the heap would cost more than decoding them.
+  uint8_t bytes[output_block];
   size_t used = 0;
   unsigned group = 0;    // place in the group of four: 0 to 3
   uint8_t previous = 0;  // the value before, whose low bits are not yet out

@@ -46,7 +46,7 @@ int hex_value(uint8_t c) {
 // Collects decoded bytes and writes them out whenever the block is full.
 class Output_block {
  public:
-  explicit Output_block(Vek_ostream& out) : out_(out), bytes_(new uint8_t[output_block]) {}
+  explicit Output_block(Vek_ostream& out) : out_(out) {}
 
   // False once a write has failed; `failure` then holds its status.
   bool put(uint8_t byte) {
@@ -58,7 +58,7 @@ class Output_block {
     while (count != 0) {
       if (used_ == output_block && !flush()) return false;
       const size_t n = std::min(count, output_block - used_);
-      std::memcpy(bytes_.get() + used_, bytes, n);
+      std::memcpy(bytes_ + used_, bytes, n);
       used_ += n;
       bytes += n;
       count -= n;
@@ -66,7 +66,7 @@ class Output_block {
     return true;
   }
   bool flush() {
-    if (used_ != 0) out_.write(used_, bytes_.get(), failure);
+    if (used_ != 0) out_.write(used_, bytes_, failure);
     used_ = 0;
     return failure.ok();
   }
@@ -75,7 +75,9 @@ class Output_block {
 
  private:
   Vek_ostream& out_;
-  std::unique_ptr<uint8_t[]> bytes_;
+  // On the stack: a body per part, and many parts are small, so a block
+  // from the heap would cost more than decoding them.
+  uint8_t bytes_[output_block];
   size_t used_ = 0;
 };
 
