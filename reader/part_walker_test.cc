@@ -64,9 +64,15 @@ TEST(PartWalker, SkipLeavesTheStreamInFrontOfTheLineBreak) {
     const char* name;
     std::string in;
     uint64_t start, position;
+    Vek_eol eol = vek_eol_crlf;
   };
   const std::vector<Case> cases = {
       {"lines of a part", "a\r\n-b\r\n--abc\r\n", 0, 5},
+      // Only a line start can hold a delimiter; what starts a line depends
+      // on the stream's line ends.
+      {"bare LF is no line break in CR LF mode", "a\n--abc\r\n--abc\r\n", 0, 7},
+      {"bare LF ends a line in LF mode", "a\n--abc\n", 0, 0, vek_eol_lf},
+      {"a line break split by the start", "\r\n--abc\r\n", 1, 9},
       {"empty part", "--abc\r\n--abc--\r\n", 7, 5},
       {"delimiter at the start goes no further back", "--abc\r\n", 0, 0},
       {"no delimiter: the end", "a\r\nb", 0, 4},
@@ -74,7 +80,7 @@ TEST(PartWalker, SkipLeavesTheStreamInFrontOfTheLineBreak) {
       {"first piece of a long line is classified", "a\r\n--abc" + std::string(3000, ' '), 0, 1},
   };
   for (const auto& c : cases) {
-    Walk walk(c.in, c.start);
+    Walk walk(c.in, c.start, c.eol);
     skip_to_part_delimiter(walk.in, abc, walk.status);
     EXPECT_EQ(walk.status, vek_ok) << c.name;
     EXPECT_EQ(walk.in.tell(), c.position) << c.name;
