@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <typeinfo>
+#include <utility>
 
 #include "contracts/zor.h"
 #include "platform/vek/registry.h"
@@ -360,12 +361,20 @@ std::string make_canonical(std::string_view bytes) {
 
 std::string handler_class_name(const Fmg_handler_base& handler) {
   const char* mangled = typeid(handler).name();
+  // A walk asks for every node, and there are a handful of classes:
+  // demangling once per class and thread is enough. The key is the text,
+  // not the pointer, which a module loaded anew may hand out again.
+  thread_local std::vector<std::pair<std::string, std::string>> known;
+  for (const auto& [key, name] : known)
+    if (key == mangled) return name;
   int result = 0;
   char* demangled = abi::__cxa_demangle(mangled, nullptr, nullptr, &result);
   std::string name = result == 0 && demangled != nullptr ? demangled : mangled;
   std::free(demangled);
   size_t colon = name.rfind("::");
-  return colon == std::string::npos ? name : name.substr(colon + 2);
+  if (colon != std::string::npos) name.erase(0, colon + 2);
+  known.emplace_back(mangled, name);
+  return name;
 }
 
 std::string status_text(uint32_t code) {
