@@ -15,7 +15,7 @@ FUZZ_TEST_SECONDS ?= 30
 FUZZ_JOBS ?= 1
 FUZZ_TARGETS ?= host_walk header encoded_words codecs block_scanner
 
-.PHONY: all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode clean
+.PHONY: all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode bench-mbox clean
 
 all: build
 
@@ -84,6 +84,12 @@ bench-explode: build bench-peer-packages
 	cmake --build $(BUILD)/bench-peers -j$(JOBS)
 	python3 bench/gen_inputs.py $(BUILD)/bench-inputs
 	python3 bench/run_bench.py --build $(BUILD) --peers $(BUILD)/bench-peers --inputs $(BUILD)/bench-inputs
+
+# smtpfm scan -j 2 over a generated mbox of MBOX_GIB GiB: its peak memory
+# beside the largest message's size.
+MBOX_GIB ?= 2
+bench-mbox: build
+	sh bench/mbox_scan.sh $(BUILD) $(MBOX_GIB)
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

@@ -123,7 +123,13 @@ std::string_view Item_node::bytes() const {
 }
 
 Message_tree::Message_tree(Fmg_manager_base& manager, std::string bytes, const Host_options& options)
-    : manager_(manager), options_(options), owned_(options.keep_line_ends ? std::move(bytes) : make_canonical(bytes)) {
+    : manager_(manager), options_(options) {
+  // Most mail is canonical already: then the bytes are kept as they came,
+  // and a large message is not held twice.
+  if (options.keep_line_ends || is_canonical(bytes))
+    owned_ = std::move(bytes);
+  else
+    owned_ = make_canonical(bytes);
   input_ = owned_;
   start();
 }
@@ -131,6 +137,8 @@ Message_tree::Message_tree(Fmg_manager_base& manager, std::string bytes, const H
 Message_tree::Message_tree(Fmg_manager_base& manager, Borrowed, std::string_view bytes, const Host_options& options)
     : manager_(manager), options_(options) {
   if (options.keep_line_ends) {
+    input_ = bytes;
+  } else if (is_canonical(bytes)) {
     input_ = bytes;
   } else {
     owned_ = make_canonical(bytes);
@@ -339,6 +347,17 @@ bool Message_tree::rebuild(std::string& out, std::string& error) {
     }
   }
   out = input_;  // nothing changed at the top
+  return true;
+}
+
+bool is_canonical(std::string_view bytes) {
+  for (size_t start = 0; start < bytes.size();) {
+    const void* lf = std::memchr(bytes.data() + start, '\n', bytes.size() - start);
+    if (lf == nullptr) return true;
+    const size_t at = static_cast<size_t>(static_cast<const char*>(lf) - bytes.data());
+    if (at == 0 || bytes[at - 1] != '\r') return false;
+    start = at + 1;
+  }
   return true;
 }
 

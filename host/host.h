@@ -89,9 +89,9 @@ class Message_tree {
   // Opens `bytes` (made canonical unless the options say otherwise) and
   // walks it. The manager must outlive the tree.
   Message_tree(Fmg_manager_base& manager, std::string bytes, const Host_options& options);
-  // The same on bytes that the caller keeps: with keep_line_ends they are
-  // read where they are, without a copy, and must remain live and
-  // unchanged while the tree lives.
+  // The same on bytes that the caller keeps: unless they must be made
+  // canonical they are read where they are, without a copy, and must
+  // remain live and unchanged while the tree lives.
   struct Borrowed {};
   Message_tree(Fmg_manager_base& manager, Borrowed, std::string_view bytes, const Host_options& options);
   ~Message_tree();
@@ -137,6 +137,9 @@ class Message_tree {
 
 // Bare LF line ends become CR LF; CR LF pairs stay as they are.
 std::string make_canonical(std::string_view bytes);
+// Whether every LF of `bytes` has a CR in front (make_canonical would
+// change nothing).
+bool is_canonical(std::string_view bytes);
 
 // The demangled class name of a handler, such as "Smtp_rfc822_handler".
 std::string handler_class_name(const Fmg_handler_base& handler);

@@ -28,7 +28,10 @@ TEST(Canonical, BareLineFeedsBecomeCrLf) {
     const char* in;
     const char* want;
   } cases[] = {{"", ""}, {"a\nb", "a\r\nb"}, {"a\r\nb\n", "a\r\nb\r\n"}, {"\n\n", "\r\n\r\n"}, {"a\rb", "a\rb"}};
-  for (const auto& c : cases) EXPECT_EQ(make_canonical(c.in), c.want) << c.in;
+  for (const auto& c : cases) {
+    EXPECT_EQ(make_canonical(c.in), c.want) << c.in;
+    EXPECT_EQ(is_canonical(c.in), std::string_view(c.in) == c.want) << c.in;
+  }
 }
 
 TEST(Library, LoadsConfiguresAndCounts) {
