@@ -52,7 +52,9 @@ class Tav_property {
 // An ordered list of properties, in order of insertion.
 class Tav_property_list {
  public:
-  using Items = std::vector<std::unique_ptr<Tav_property>>;
+  // The properties themselves, not pointers to them: an item has about
+  // ten, and a walk makes an item for every part.
+  using Items = std::vector<Tav_property>;
   // The first property of that name (compared without regard to case), or
   // null.
   Tav_property* find(std::u16string_view name) const;
@@ -62,11 +64,15 @@ class Tav_property_list {
   void add(const Tav_property& property);
   // Replaces the value of the property of that name, or appends it.
   void set(const Tav_property& property);
+  // The same for a string property, without making one first.
+  void set(std::u16string_view name, std::u16string_view value);
   size_t size() const { return items_.size(); }
   Items::const_iterator begin() const { return items_.begin(); }
   Items::const_iterator end() const { return items_.end(); }
 
  private:
+  void make_room();
+
   Items items_;
 };
 

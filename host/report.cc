@@ -37,7 +37,7 @@ Json node_json(Item_node& top) {
     out["length"] = node.bytes().size();
     Json properties = Json::array();
     for (const auto& property : node.item->properties())
-      properties.push_back(Json::array({vek_utf16_to_utf8(property->name()), property_json(*property)}));
+      properties.push_back(Json::array({vek_utf16_to_utf8(property.name()), property_json(property)}));
     out["properties"] = std::move(properties);
     Json reports = Json::array();
     for (const auto& report : node.item->reports())

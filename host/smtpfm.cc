@@ -112,7 +112,7 @@ int run_extract(const Host_options& options, const std::string& file, const std:
     write_file((fs::path(folder) / name).string(), node.bytes());
     Json properties = Json::array();
     for (const auto& property : node.item->properties())
-      properties.push_back(Json::array({vek_utf16_to_utf8(property->name()), property_json(*property)}));
+      properties.push_back(Json::array({vek_utf16_to_utf8(property.name()), property_json(property)}));
     items.push_back(
         Json{{"path", node.path}, {"file", name}, {"length", node.bytes().size()}, {"properties", properties}});
   });

@@ -13,7 +13,7 @@ void Rmx_configurable::set_properties(const Tav_property_list& list, Vek_status&
   begin_properties(status);
   if (!status.ok()) return;
   for (const auto& property : list) {
-    set_property(*property, status);
+    set_property(property, status);
     if (!status.ok()) return;
   }
   end_properties(status);

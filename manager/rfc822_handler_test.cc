@@ -39,8 +39,8 @@ class Rfc822Handler : public ::testing::Test {
       Vek_buffer* buffer = handler_->get_item(position, node, status_);
       std::vector<std::u16string> properties;
       for (const auto& p : node.properties())
-        properties.push_back(p->name() + u"=" +
-                             (p->type() == 0 ? p->string_value() : vek_itow(p->integer_value())));
+        properties.push_back(p.name() + u"=" +
+                             (p.type() == 0 ? p.string_value() : vek_itow(p.integer_value())));
       result.emplace_back(properties, text_of(buffer));
     }
     return result;

@@ -8,7 +8,7 @@ void Fmg_host_item::log(uint32_t code, uint32_t severity, const Vek_wstring& tex
 }
 
 void Fmg_host_item::set_property(const Vek_wstring& name, const Vek_wstring& value) {
-  properties_.set(Tav_property(name, value));
+  properties_.set(name, value);
 }
 
 void Fmg_host_item::add_property(const Tav_property& property) { properties_.set(property); }

@@ -20,15 +20,25 @@ void Tav_property::set_string(Vek_wstring value) {
 
 Tav_property* Tav_property_list::find(std::u16string_view name) const {
   for (const auto& property : items_)
-    if (vek_string_equal_nc(property->name(), name)) return property.get();
+    if (property.name().size() == name.size() && vek_string_equal_nc(property.name(), name))
+      return const_cast<Tav_property*>(&property);
   return nullptr;
 }
 
-void Tav_property_list::add(Vek_wstring name, Vek_wstring value) {
-  items_.push_back(std::make_unique<Tav_property>(std::move(name), std::move(value)));
+// Room for the properties an item usually gets, so that the list grows once.
+void Tav_property_list::make_room() {
+  if (items_.capacity() == 0) items_.reserve(12);
 }
 
-void Tav_property_list::add(const Tav_property& property) { items_.push_back(std::make_unique<Tav_property>(property)); }
+void Tav_property_list::add(Vek_wstring name, Vek_wstring value) {
+  make_room();
+  items_.emplace_back(std::move(name), std::move(value));
+}
+
+void Tav_property_list::add(const Tav_property& property) {
+  make_room();
+  items_.push_back(property);
+}
 
 void Tav_property_list::set(const Tav_property& property) {
   if (Tav_property* old = find(property.name())) {
@@ -36,6 +46,14 @@ void Tav_property_list::set(const Tav_property& property) {
     return;
   }
   add(property);
+}
+
+void Tav_property_list::set(std::u16string_view name, std::u16string_view value) {
+  if (Tav_property* old = find(name)) {
+    old->set_string(Vek_wstring(value));
+    return;
+  }
+  add(Vek_wstring(name), Vek_wstring(value));
 }
 
 void tav_type_to_string(const Tav_guid& type, Vek_wstring& text) {
