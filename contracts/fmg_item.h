@@ -24,7 +24,7 @@ class Fmg_item {
   virtual void log(uint32_t code, uint32_t severity, const Vek_wstring& text, const Vek_status& status) = 0;
   virtual Tav_property_list& properties() = 0;
   // The string property `name` holds `value` afterwards.
-  virtual void set_property(const Vek_wstring& name, const Vek_wstring& value) = 0;
+  virtual void set_property(std::u16string_view name, std::u16string_view value) = 0;
   // The item gets `property` (replacing one of the same name).
   virtual void add_property(const Tav_property& property) = 0;
   // Records a published property; `code` is 7 and the last two words 0.

@@ -7,7 +7,7 @@ void Fmg_host_item::log(uint32_t code, uint32_t severity, const Vek_wstring& tex
   logs_.push_back({code, severity, text, status.value()});
 }
 
-void Fmg_host_item::set_property(const Vek_wstring& name, const Vek_wstring& value) {
+void Fmg_host_item::set_property(std::u16string_view name, std::u16string_view value) {
   properties_.set(name, value);
 }
 

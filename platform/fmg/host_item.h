@@ -33,7 +33,7 @@ class Fmg_host_item : public Fmg_item {
   Fmg_item* top_item() override { return top_; }
   void log(uint32_t code, uint32_t severity, const Vek_wstring& text, const Vek_status& status) override;
   Tav_property_list& properties() override { return properties_; }
-  void set_property(const Vek_wstring& name, const Vek_wstring& value) override;
+  void set_property(std::u16string_view name, std::u16string_view value) override;
   void add_property(const Tav_property& property) override;
   void report_property(uint32_t code, const Vek_status& status, const char16_t* name, const char16_t* value,
                        uint32_t zero1, uint32_t zero2) override;
