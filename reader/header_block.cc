@@ -94,6 +94,9 @@ bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fiel
   size_t good_size = fields.size();
   const bool keep_bad = field_filter == nullptr || field_filter(smtp_bad_header_name);
   uint64_t block_end = stream.tell();
+  // Room for a usual header, so that the lists grow seldom.
+  fields.reserve(fields.size() + 16);
+  if (field_names != nullptr) field_names->reserve(field_names->size() + 16);
 
   auto admitted = [field_filter](std::string_view name) {
     return field_filter == nullptr || field_filter(name);

@@ -49,6 +49,8 @@ class Smtp_token_list {
   }
   // Frees every token.
   void clear() { tokens_.clear(); }
+  // Makes room for `count` tokens in all.
+  void reserve(size_t count) { tokens_.reserve(count); }
 
   std::vector<Smtp_token>::const_iterator begin() const { return tokens_.begin(); }
   std::vector<Smtp_token>::const_iterator end() const { return tokens_.end(); }
