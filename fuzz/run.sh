@@ -52,9 +52,13 @@ run_one() {
   set -- "$@" "$top/samples"
   [ -d "$top/../shared/corpus" ] && set -- "$@" "$top/../shared/corpus"
   log="$build/fuzz-logs/$target.log"
+  # A fresh run is the check of `make test`: a fixed seed makes it explore
+  # the same way on every machine, so that a finding can be replayed.
+  seed=0
+  [ "$mode" = fresh ] && seed=1
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     "$binary" "$@" -max_total_time="$seconds" -max_len="$(max_len "$target")" -timeout=25 \
-    -rss_limit_mb=2560 -dict="$top/fuzz/mail.dict" -print_final_stats=1 \
+    -rss_limit_mb=2560 -dict="$top/fuzz/mail.dict" -print_final_stats=1 -seed="$seed" \
     -artifact_prefix="$build/fuzz-findings/$target-" >"$log" 2>&1
   result=$?
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
