@@ -15,59 +15,39 @@ std::string bytes_of(const Vek_buffer& buffer) {
 TEST(SubBuffer, Edges) {
   std::string text = "0123456789";
   Vek_raw_memory_buffer raw(text.size(), text.data(), 0);
+  Vek_sub_buffer middle(&raw, 2, 8);  // "234567"
+  Vek_sub_buffer empty(&raw, 6, 4);
   struct Case {
     const char* name;
+    const Vek_buffer* parent;
     uint64_t start, end;
     std::string want;
   } cases[] = {
-      {"whole", 0, vek_to_end, "0123456789"},
-      {"middle", 2, 5, "234"},
-      {"to the end", 7, vek_to_end, "789"},
-      {"end beyond parent", 8, 100, "89"},
-      {"empty", 4, 4, ""},
-      {"end before start", 6, 4, ""},
-      {"start at the end", 10, vek_to_end, ""},
-      {"start beyond the end", 12, vek_to_end, ""},
+      {"whole", &raw, 0, vek_to_end, "0123456789"},
+      {"middle", &raw, 2, 5, "234"},
+      {"to the end", &raw, 7, vek_to_end, "789"},
+      {"end beyond parent", &raw, 8, 100, "89"},
+      {"empty", &raw, 4, 4, ""},
+      {"end before start", &raw, 6, 4, ""},
+      {"start at the end", &raw, 10, vek_to_end, ""},
+      {"start beyond the end", &raw, 12, vek_to_end, ""},
+      {"view: whole", &middle, 0, vek_to_end, "234567"},
+      {"view: inside", &middle, 1, 3, "34"},
+      {"view: end beyond the view", &middle, 4, 100, "67"},
+      {"view: end before start", &middle, 3, 1, ""},
+      {"view: start beyond the view", &middle, 7, vek_to_end, ""},
+      {"view: start near the top", &middle, vek_to_end - 1, vek_to_end, ""},
+      {"view of an empty view", &empty, 0, vek_to_end, ""},
   };
   for (const auto& c : cases) {
-    Vek_sub_buffer sub(&raw, c.start, c.end);
+    Vek_sub_buffer sub(c.parent, c.start, c.end);
     EXPECT_EQ(sub.size(), c.want.size()) << c.name;
     EXPECT_EQ(bytes_of(sub), c.want) << c.name;
   }
 }
 
-TEST(SubBuffer, FollowsAGrowingParent) {
-  Vek_memory_buffer parent;
-  Vek_status status;
-  parent.write_at(0, "abc", 3, status);
-  Vek_sub_buffer sub(&parent, 1, vek_to_end);
-  EXPECT_EQ(bytes_of(sub), "bc");
-  parent.write_at(3, "def", 3, status);
-  EXPECT_EQ(bytes_of(sub), "bcdef");
-}
-
-TEST(SubBuffer, ViewsOfViews) {
-  std::string text = "0123456789";
-  Vek_raw_memory_buffer raw(text.size(), text.data(), 0);
-  Vek_sub_buffer middle(&raw, 2, 8);  // "234567"
-  struct Case {
-    const char* name;
-    uint64_t start, end;
-    std::string want;
-  } cases[] = {
-      {"whole", 0, vek_to_end, "234567"},           {"inside", 1, 3, "34"},
-      {"end beyond the view", 4, 100, "67"},        {"end before start", 3, 1, ""},
-      {"start beyond the view", 7, vek_to_end, ""}, {"start near the top", vek_to_end - 1, vek_to_end, ""},
-  };
-  for (const auto& c : cases) {
-    Vek_sub_buffer sub(&middle, c.start, c.end);
-    EXPECT_EQ(bytes_of(sub), c.want) << c.name;
-  }
-  Vek_sub_buffer empty(&raw, 6, 4);
-  EXPECT_EQ(bytes_of(Vek_sub_buffer(&empty, 0, vek_to_end)), "");
-
-  // A chain as deep as nested message parts make it; each level drops the
-  // first byte.
+TEST(SubBuffer, DeepChainOfViews) {
+  // As deep as nested message parts make it; each level drops the first byte.
   std::string long_text(5000, 'x');
   long_text += "end";
   Vek_raw_memory_buffer root(long_text.size(), long_text.data(), 0);
@@ -80,13 +60,15 @@ TEST(SubBuffer, ViewsOfViews) {
   EXPECT_EQ(bytes_of(*parent), "end");
 }
 
-TEST(SubBuffer, ViewOfAViewFollowsAGrowingParent) {
+TEST(SubBuffer, ViewsFollowAGrowingParent) {
   Vek_memory_buffer parent;
   Vek_status status;
   parent.write_at(0, "abc", 3, status);
   Vek_sub_buffer outer(&parent, 1, vek_to_end);
   Vek_sub_buffer inner(&outer, 1, vek_to_end);
+  EXPECT_EQ(bytes_of(outer), "bc");
   parent.write_at(3, "def", 3, status);
+  EXPECT_EQ(bytes_of(outer), "bcdef");
   EXPECT_EQ(bytes_of(inner), "cdef");
 }
 
