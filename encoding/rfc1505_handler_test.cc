@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -15,24 +14,16 @@
 
 #include "contracts/zor.h"
 #include "host/host.h"
+#include "manager/test_util.h"
 
 namespace {
 
-// Lines joined with CR LF behind each, as a host hands mail over.
-std::string crlf(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const auto& line : lines) text += line + "\r\n";
-  return text;
-}
+using smtp_test::crlf;
+using smtp_test::text_of;
 
 // A message whose "Encoding" field has `value`, with `body`.
 std::string message(const std::string& value, const std::string& body) {
   return crlf({"From: a@example.org", "Subject: =?ISO-8859-1?Q?Caf=E9?=", "Encoding: " + value, ""}) + body;
-}
-
-std::string text_of(const Vek_buffer* buffer) {
-  if (buffer == nullptr || buffer->size() == 0) return std::string();
-  return std::string(reinterpret_cast<const char*>(buffer->data()), buffer->size());
 }
 
 class Rfc1505 : public ::testing::Test {
@@ -145,9 +136,7 @@ TEST_F(Rfc1505, ExportsHeadersAsTheyAreWrittenAndKeepsThemReadOnly) {
   EXPECT_EQ(subject.string_property(ZOR_ITEM_NAME), u"SUBJECT");
   EXPECT_EQ(subject.string_property(ZOR_ITEM_CHARSET), u"UNICODE");
   // Encoded words are not decoded in a message without MIME.
-  Vek_wstring value(children[0]->bytes().size() / 2, u'\0');
-  std::memcpy(value.data(), children[0]->bytes().data(), value.size() * 2);
-  EXPECT_EQ(value, u"=?ISO-8859-1?Q?Caf=E9?=");
+  EXPECT_EQ(smtp_test::wide_text_of(children[0]->buffer), u"=?ISO-8859-1?Q?Caf=E9?=");
   EXPECT_EQ(children[1]->item->string_property(ZOR_ITEM_NAME), u"ENCODING");
   EXPECT_FALSE(children[0]->taken());
 
