@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
+
+#include "reader/test_corpus.h"
 
 namespace {
 
@@ -107,10 +107,7 @@ TEST(EncodedWords, QAndBText) {
 
 // Field values taken from the corpus, where it has words in the charset.
 std::string corpus_line(const std::string& file, std::string_view prefix) {
-  const char* root = std::getenv("SMTPFM_SOURCE_DIR");
-  const std::string path =
-      (root ? std::string(root) + "/../shared/corpus" : "/work/shared/corpus") + "/" + file;
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(corpus_dir() + "/" + file, std::ios::binary);
   std::string line, value;
   while (std::getline(in, line)) {
     if (!line.empty() && line.back() == '\r') line.pop_back();
