@@ -20,10 +20,12 @@
 //   block whether it had one or not; where a rebuilt entity had none (a
 //   piece of body text opened as an entity of its own, a header that runs
 //   straight into its body), that line is new;
-// - a "7bit" text with bytes above 0x7F becomes quoted-printable, in
-//   ISO-8859-1 where it was ASCII, under a refolded "Content-Type" (spaces
-//   around its specials); its new lines can show or hide a uuencoded
-//   block, and a subtype full of specials may no longer parse.
+// - a quoted-printable or Base64 body is encoded again, and a "7bit"
+//   text with bytes above 0x7F becomes quoted-printable (in ISO-8859-1
+//   where it was ASCII), under a refolded "Content-Type" with spaces
+//   around its specials: the new lines can show or hide a uuencoded block
+//   to the scanner of the parent's raw part text, and a subtype full of
+//   specials may no longer parse.
 //
 // The length of the input picks the configuration: odd lengths export
 // three header fields and ask for the body item too. The fields are ones
@@ -223,13 +225,19 @@ void walk(Fmg_manager_base& manager, const Host_options& options, const std::str
       Vek_status status;
       if (!node.handler->is_modified(*node.item, status)) return;
       if (lacks_blank_line(node.bytes())) rewritten = true;
-      // The host ends a handler once it has rebuilt it; a trial rebuild
-      // now tells whether it takes the quoted-printable path (it keeps the
-      // new "Content-Type" for the real one, which gives the same bytes).
-      if (auto* entity = dynamic_cast<Smtp_rfc1521_handler*>(node.handler); entity != nullptr && !rewritten) {
-        delete entity->rebuild(*node.item, status);
-        if (!entity->new_content_type().empty()) rewritten = true;
+      // The host ends a handler once it has rebuilt it; for a "7bit" text
+      // a trial rebuild now tells whether it takes the quoted-printable
+      // path (it keeps the new "Content-Type" for the real one, which then
+      // gives the same bytes).
+      auto* entity = dynamic_cast<Smtp_rfc1521_handler*>(node.handler);
+      if (entity == nullptr || rewritten || vek_string_equal_nc(entity->mime_type(), "multipart")) return;
+      if (vek_string_equal_nc(entity->encoding(), "quoted-printable") ||
+          vek_string_equal_nc(entity->encoding(), "base64")) {
+        rewritten = true;
+        return;
       }
+      delete entity->rebuild(*node.item, status);
+      if (!entity->new_content_type().empty()) rewritten = true;
     });
     std::string error;
     if (!tree.rebuild(rebuilt, error)) {

@@ -241,6 +241,25 @@ TEST(WriteRawField, Table) {
   }
 }
 
+// A real field named exactly "Bad-Header" is read as the pseudo field and
+// goes out without its name; read again, its value is a line of junk that
+// turns the field in front of it bad.
+TEST(HeaderRoundTrip, RealBadHeaderFieldLosesItsName) {
+  Text_stream in("Date: Tue\r\nBad-Header: <id>\r\n\r\n");
+  Text_output out;
+  std::string name;
+  std::vector<std::string> lines;
+  Vek_status status;
+  while (read_header_field(in.stream, smtp_max_header_line, name, lines, status) && status.ok())
+    write_raw_field(out.stream, name, lines, out.status);
+  ASSERT_EQ(out.text(), "Date: Tue\r\n<id>\r\n");
+
+  Text_stream again(out.text());
+  ASSERT_TRUE(read_header_field(again.stream, smtp_max_header_line, name, lines, status));
+  EXPECT_EQ(name, "Bad-Header");
+  EXPECT_EQ(lines, (std::vector<std::string>{"Date:Tue", "<id>"}));
+}
+
 // The text with the spaces behind its first colon taken out.
 std::string without_space_behind_colon(std::string text) {
   const size_t colon = text.find(':');
