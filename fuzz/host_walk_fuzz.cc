@@ -25,7 +25,9 @@
 //   where it was ASCII), under a refolded "Content-Type" with spaces
 //   around its specials: the new lines can show or hide a uuencoded block
 //   to the scanner of the parent's raw part text, and a subtype full of
-//   specials may no longer parse.
+//   specials may no longer parse;
+// - a part of an RFC 1505 message that does not end with a line end gets
+//   one (only the last part can lack it, where the message does).
 //
 // The length of the input picks the configuration: odd lengths export
 // three header fields and ask for the body item too. The fields are ones
@@ -40,6 +42,7 @@
 
 #include "contracts/status_codes.h"
 #include "contracts/zor.h"
+#include "encoding/rfc1505_handler.h"
 #include "fuzz/fuzz_check.h"
 #include "host/host.h"
 #include "mime/rfc1521_handler.h"
@@ -200,7 +203,7 @@ void walk(Fmg_manager_base& manager, const Host_options& options, const std::str
 
   // Every leaf that may be changed replaced by its own bytes.
   std::string rebuilt;
-  bool rewritten = false;  // by one of the two rewrites above
+  bool rewritten = false;  // by one of the rewrites above
   {
     Message_tree tree(manager, input, options);
     std::vector<Item_node*> leaves;
@@ -225,6 +228,9 @@ void walk(Fmg_manager_base& manager, const Host_options& options, const std::str
       Vek_status status;
       if (!node.handler->is_modified(*node.item, status)) return;
       if (lacks_blank_line(node.bytes())) rewritten = true;
+      if (dynamic_cast<Smtp_rfc1505_handler*>(node.handler) != nullptr && !node.bytes().empty() &&
+          !node.bytes().ends_with("\r\n"))
+        rewritten = true;
       // The host ends a handler once it has rebuilt it; for a "7bit" text
       // a trial rebuild now tells whether it takes the quoted-printable
       // path (it keeps the new "Content-Type" for the real one, which then
