@@ -13,61 +13,52 @@ using smtp_test::crlf;
 using smtp_test::make_buffer;
 using smtp_test::text_of;
 
-const std::string intro = crlf({"Here is the file:", ""});
-const std::string block = crlf({"begin 644 a.bin", "M86)C", "end", "", "Regards"});
-
-struct Body_case {
-  const char* label;
-  uint32_t type;
-  const char* mime_type;
-  std::string body;
-  size_t body_length;  // the rest, if any, is a record of type 5
-};
-
-class AddBody : public ::testing::TestWithParam<Body_case> {};
-
-TEST_P(AddBody, CutsTextBodiesAtTheFirstBlock) {
-  const Body_case& c = GetParam();
-  Smtp_item_list items;
-  std::vector<uint32_t> order;
-  Vek_status status;
-  EXPECT_EQ(add_body(status, items, order, make_buffer(c.body), c.mime_type, "plain", "qp", c.type), 0u);
-  ASSERT_TRUE(status.ok());
-  const bool cut = c.body_length != c.body.size();
-  ASSERT_EQ(order, cut ? std::vector<uint32_t>({0, 1}) : std::vector<uint32_t>({0}));
-  EXPECT_EQ(items[0]->type, c.type);
-  EXPECT_EQ(items[0]->length, c.body_length);
-  EXPECT_EQ(text_of(items[0]->buffer.get()), c.body.substr(0, c.body_length));
-  EXPECT_EQ(items[0]->encoding, "qp");
-  if (!cut) return;
-  const Smtp_item_record& rest = *items[1];
-  EXPECT_EQ(rest.type, smtp_item_block_rest);
-  EXPECT_EQ(rest.length, c.body.size() - c.body_length);
-  EXPECT_EQ(text_of(rest.buffer.get()), c.body.substr(c.body_length));
-  EXPECT_EQ(rest.mime_type + rest.mime_subtype + "|" + rest.encoding, "|7bit");
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, AddBody,
-    ::testing::Values(
-        Body_case{"text_body_with_block", 2, "text", intro + block, intro.size()},
-        Body_case{"type_ignores_case", 3, "TEXT", intro + block, intro.size()},
-        Body_case{"block_at_start", 2, "text", block, 0},
-        Body_case{"attachment_stays_whole", 4, "text", intro + block, intro.size() + block.size()},
-        Body_case{"not_text", 2, "image", intro + block, intro.size() + block.size()},
-        Body_case{"frame_never_closes", 2, "text", intro + "begin 644 a\r\n", intro.size() + 13},
-        Body_case{"empty", 2, "text", "", 0}),
-    [](const ::testing::TestParamInfo<Body_case>& info) { return std::string(info.param.label); });
-
-TEST(AddBodyTable, WholeBodyIsNotCopied) {
-  auto parent = make_buffer("header\r\n\r\nbody\r\n");
-  auto view = std::make_unique<Vek_sub_buffer>(parent.get(), 10, vek_to_end);
-  Vek_buffer* given = view.get();
-  Smtp_item_list items;
-  std::vector<uint32_t> order;
-  Vek_status status;
-  add_body(status, items, order, std::move(view), "text", "plain", "7bit", 2);
-  EXPECT_EQ(items.at(0)->buffer.get(), given);
+// A text body is cut at its first encoded block: the text in front stays
+// the body, the block and all behind it become one record of type 5. A body
+// that is not cut is taken over as it is, not copied.
+TEST(AddBody, CutsTextBodiesAtTheFirstBlock) {
+  const std::string intro = crlf({"Here is the file:", ""});
+  const std::string block = crlf({"begin 644 a.bin", "M86)C", "end", "", "Regards"});
+  const struct {
+    const char* what;
+    uint32_t type;
+    const char* mime_type;
+    std::string body;
+    size_t body_length;  // shorter than the body: the rest is a record of type 5
+  } cases[] = {
+      {"text body with block", 2, "text", intro + block, intro.size()},
+      {"added body, type in upper case", 3, "TEXT", intro + block, intro.size()},
+      {"block at the start", 2, "text", block, 0},
+      {"attachment stays whole", 4, "text", intro + block, intro.size() + block.size()},
+      {"not text", 2, "image", intro + block, intro.size() + block.size()},
+      {"frame never closes", 2, "text", intro + "begin 644 a\r\n", intro.size() + 13},
+      {"empty", 2, "text", "", 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Smtp_item_list items;
+    std::vector<uint32_t> order;
+    Vek_status status;
+    auto buffer = make_buffer(c.body);
+    const Vek_buffer* given = buffer.get();
+    EXPECT_EQ(add_body(status, items, order, std::move(buffer), c.mime_type, "plain", "qp", c.type), 0u);
+    ASSERT_TRUE(status.ok());
+    const bool cut = c.body_length != c.body.size();
+    ASSERT_EQ(order, cut ? std::vector<uint32_t>({0, 1}) : std::vector<uint32_t>({0}));
+    EXPECT_EQ(items[0]->type, c.type);
+    EXPECT_EQ(items[0]->length, c.body_length);
+    EXPECT_EQ(text_of(items[0]->buffer.get()), c.body.substr(0, c.body_length));
+    EXPECT_EQ(items[0]->encoding, "qp");
+    if (!cut) {
+      EXPECT_EQ(items[0]->buffer.get(), given);
+      continue;
+    }
+    const Smtp_item_record& rest = *items[1];
+    EXPECT_EQ(rest.type, smtp_item_block_rest);
+    EXPECT_EQ(rest.length, c.body.size() - c.body_length);
+    EXPECT_EQ(text_of(rest.buffer.get()), c.body.substr(c.body_length));
+    EXPECT_EQ(rest.mime_type + rest.mime_subtype + "|" + rest.encoding, "|7bit");
+  }
 }
 
 TEST(ItemRecord, ReplaceBuffer) {
@@ -86,14 +77,13 @@ TEST(ItemRecord, ReplaceBuffer) {
 }
 
 TEST(StreamHelpers, CountAndSkipLines) {
-  struct Case {
+  const uint64_t all = UINT64_MAX;
+  const struct {
     std::string text;
     uint64_t start, end;
     uint32_t counted;
     uint32_t skip, skipped;
-  };
-  const uint64_t all = UINT64_MAX;
-  const std::vector<Case> cases = {
+  } cases[] = {
       {"a\r\nb\r\n", 0, all, 2, 5, 2},
       // A last line without line end counts, but is not skipped unless long.
       {"a\r\nb", 0, all, 2, 5, 1},
@@ -105,30 +95,31 @@ TEST(StreamHelpers, CountAndSkipLines) {
       {"a\r\nb\r\nc\r\n", 0, 3, 1, 1, 1},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.text.substr(0, 9) + " " + std::to_string(c.start) + " " + std::to_string(c.end));
     auto buffer = make_buffer(c.text);
     Vek_status status;
     Vek_buffered_istream stream(buffer.get(), false, status, vek_eol_crlf);
-    EXPECT_EQ(count_lines(stream, c.start, c.end), c.counted)
-        << c.text.substr(0, 9) << c.start << " " << c.end;
+    EXPECT_EQ(count_lines(stream, c.start, c.end), c.counted);
     stream.seek(0);
-    EXPECT_EQ(skip_lines(stream, c.skip, status), c.skipped) << c.text.substr(0, 9);
+    EXPECT_EQ(skip_lines(stream, c.skip, status), c.skipped);
     EXPECT_TRUE(status.ok());
   }
 }
 
+// Copies run over the 16384-byte block and stop quietly at the end.
 TEST(StreamHelpers, CopyBytes) {
-  struct Case {
+  const struct {
     size_t size;
     uint64_t from;
     uint32_t count;
     size_t copied;
-  };
-  const std::vector<Case> cases = {{10, 0, 0xFFFFFFFF, 10},
-                                   {10, 8, 100, 2},
-                                   {10, 20, 5, 0},
-                                   {40000, 1, 16384, 16384},
-                                   {40000, 0, 40000, 40000}};
+  } cases[] = {{10, 0, 0xFFFFFFFF, 10},
+               {10, 8, 100, 2},
+               {10, 20, 5, 0},
+               {40000, 1, 16384, 16384},
+               {40000, 0, 40000, 40000}};
   for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.size) + " " + std::to_string(c.from) + " " + std::to_string(c.count));
     std::string text;
     for (size_t i = 0; i < c.size; ++i) text += static_cast<char>('a' + i % 26);
     auto source = make_buffer(text);

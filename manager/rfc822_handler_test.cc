@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -61,10 +62,10 @@ class Rfc822Handler : public ::testing::Test {
 std::u16string length(size_t n) { return u"ItemLength=" + vek_itow(static_cast<int64_t>(n)); }
 
 TEST_F(Rfc822Handler, SubItemsComeHeadersThenRestThenBody) {
+  using P = std::vector<std::u16string>;
   open(header + intro + block, {"SUBJECT"}, true);
   auto items = walk();
   ASSERT_EQ(items.size(), 4u);
-  using P = std::vector<std::u16string>;
   EXPECT_EQ(items[0].first,
             P({u"ItemType=HeaderItem", length(2 * 23), u"ItemName=SUBJECT", u"ItemCharset=UNICODE"}));
   EXPECT_EQ(items[0].second.size(), 2 * 23u);  // the encoded word as written, in UTF-16
@@ -73,14 +74,13 @@ TEST_F(Rfc822Handler, SubItemsComeHeadersThenRestThenBody) {
   EXPECT_EQ(items[2].second, block);
   EXPECT_EQ(items[3].first, P({u"ItemType=BodyItem", length(intro.size())}));
   EXPECT_EQ(items[3].second, intro);
-}
 
-TEST_F(Rfc822Handler, ItemThatIsNoMessage) {
+  // An item that is no message of its own: no header records and no item
+  // type, and its body is never cut.
   open(header + intro + block, {"SUBJECT"}, false);
-  auto items = walk();
-  // No header records and no item type; the body is never cut.
+  items = walk();
   ASSERT_EQ(items.size(), 1u);
-  EXPECT_EQ(items[0].first, std::vector<std::u16string>({length(intro.size() + block.size())}));
+  EXPECT_EQ(items[0].first, P({length(intro.size() + block.size())}));
 }
 
 TEST_F(Rfc822Handler, NothingBehindTheHeader) {
@@ -94,31 +94,29 @@ TEST_F(Rfc822Handler, NothingBehindTheHeader) {
   }
 }
 
+// Header records (positions 0 and 1 here) cannot be replaced; a refused
+// buffer stays the caller's.
 TEST_F(Rfc822Handler, BadPositionsThrow) {
   open(header + intro + block, {"SUBJECT"}, true);
   Fmg_host_item node(&top_);
-  auto message_of = [](auto call) {
+  uint32_t end = smtp_no_position;
+  auto replacement = make_buffer("x");
+  const std::pair<const char*, std::function<void()>> calls[] = {
+      {"get_item", [&] { handler_->get_item(end, node, status_); }},
+      {"free_item", [&] { handler_->free_item(4, node, status_); }},
+      {"can_modify_item", [&] { handler_->can_modify_item(4, node, status_); }},
+      {"is_item_modified", [&] { handler_->is_item_modified(4, node, status_); }},
+      {"set_item", [&] { handler_->set_item(1, replacement.get(), node, status_); }},
+      {"set_item", [&] { handler_->set_item(4, replacement.get(), node, status_); }},
+  };
+  for (const auto& [operation, call] : calls) {
+    std::string message = "no exception";
     try {
       call();
     } catch (const std::invalid_argument& e) {
-      return std::string(e.what());
+      message = e.what();
     }
-    return std::string("no exception");
-  };
-  uint32_t end = smtp_no_position;
-  EXPECT_EQ(message_of([&] { handler_->get_item(end, node, status_); }),
-            "Smtp_rfc822_handler::get_item - invalid position.");
-  EXPECT_EQ(message_of([&] { handler_->free_item(4, node, status_); }),
-            "Smtp_rfc822_handler::free_item - invalid position.");
-  EXPECT_EQ(message_of([&] { handler_->can_modify_item(4, node, status_); }),
-            "Smtp_rfc822_handler::can_modify_item - invalid position.");
-  EXPECT_EQ(message_of([&] { handler_->is_item_modified(4, node, status_); }),
-            "Smtp_rfc822_handler::is_item_modified - invalid position.");
-  // Header records cannot be replaced; the buffer stays the caller's.
-  for (uint32_t position : {0u, 1u, 4u}) {
-    auto replacement = make_buffer("x");
-    EXPECT_EQ(message_of([&] { handler_->set_item(position, replacement.get(), node, status_); }),
-              "Smtp_rfc822_handler::set_item - invalid position.");
+    EXPECT_EQ(message, "Smtp_rfc822_handler::" + std::string(operation) + " - invalid position.");
   }
   EXPECT_FALSE(handler_->can_modify_item(1, node, status_));
   EXPECT_TRUE(handler_->can_modify_item(2, node, status_));
