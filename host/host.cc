@@ -264,15 +264,23 @@ bool Message_tree::can_replace(const Item_node& node, std::string& error) {
     error = "the top item cannot be replaced; give the new message itself";
     return false;
   }
-  Vek_status status;
-  try {
-    if (!node.parent->handler->can_modify_item(node.position, *node.item, status)) {
-      error = "item " + node.path + " may not be changed (" + node.parent->handler_name + " refuses it)";
+  // A new item reaches the message only if every level above lets the
+  // rebuilt entity in: a signed part inside a signed entity may not change
+  // even where the part itself would allow it.
+  for (const Item_node* link = &node; link->parent != nullptr; link = link->parent) {
+    const Item_node& parent = *link->parent;
+    if (parent.handler == nullptr) break;
+    Vek_status status;
+    try {
+      if (!parent.handler->can_modify_item(link->position, *link->item, status)) {
+        error = "item " + node.path + " may not be changed (" + parent.handler_name + " refuses " +
+                (link == &node ? std::string("it") : "item " + link->path) + ")";
+        return false;
+      }
+    } catch (const std::exception& e) {
+      error = std::string("item ") + link->path + ": " + e.what();
       return false;
     }
-  } catch (const std::exception& e) {
-    error = std::string("item ") + node.path + ": " + e.what();
-    return false;
   }
   return true;
 }

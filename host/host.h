@@ -105,7 +105,8 @@ class Message_tree {
   // Every node in walk order (parents before children).
   void for_each(const std::function<void(Item_node&)>& visit);
 
-  // Whether `node`'s parent lets it be replaced.
+  // Whether `node` may be replaced: its parent takes a new item there, and
+  // every level above takes the rebuilt entity below it in turn.
   bool can_replace(const Item_node& node, std::string& error);
   // Hands `bytes` to the parent's handler in place of the node. The node's
   // own subtree is released first, since its handlers read the old buffer.

@@ -55,6 +55,41 @@ TEST(Library, LoadsConfiguresAndCounts) {
   EXPECT_TRUE(library->can_unload());
 }
 
+// A part's body may be replaced only if every level above takes the
+// rebuilt entity: inside a signed entity nothing may change, although the
+// part's own handler would allow it.
+TEST(Library, ReplacingNeedsEveryLevelAbove) {
+  std::string error;
+  const Host_options options = plugin_options();
+  auto library = Plugin_library::load(options, error);
+  ASSERT_NE(library, nullptr) << error;
+  Manager_ptr manager(library->create_manager(options, error));
+  ASSERT_NE(manager, nullptr) << error;
+  const std::string part = "--b\r\nContent-Type: text/plain\r\n\r\nhello\r\n--b\r\n"
+                           "Content-Type: application/pgp-signature\r\n\r\nsig\r\n--b--\r\n";
+  const struct {
+    const char* type;
+    bool replaceable;
+  } cases[] = {{"multipart/mixed", true}, {"multipart/signed; protocol=\"application/pgp-signature\"", false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.type);
+    Message_tree tree(*manager, std::string("From: a@example.org\r\nSubject: s\r\nMIME-Version: 1.0\r\n") +
+                                    "Content-Type: " + c.type + "; boundary=b\r\n\r\n" + part,
+                      options);
+    Item_node* body = nullptr;
+    tree.for_each([&](Item_node& node) {
+      if (node.depth == 2 && node.bytes() == "hello") body = &node;
+    });
+    ASSERT_NE(body, nullptr);
+    error.clear();
+    EXPECT_EQ(tree.can_replace(*body, error), c.replaceable) << error;
+    EXPECT_EQ(tree.replace(*body, "bye\r\n", error), c.replaceable) << error;
+    if (!c.replaceable) {
+      EXPECT_NE(error.find("refuses item"), std::string::npos) << error;
+    }
+  }
+}
+
 TEST(Library, MissingModuleIsAClearError) {
   Host_options options;
   options.module_path = "/nonexistent/smtp.so";
