@@ -26,6 +26,9 @@
 //   around its specials: the new lines can show or hide a uuencoded block
 //   to the scanner of the parent's raw part text, and a subtype full of
 //   specials may no longer parse;
+// - a refolded "Content-Type" (every multipart entity's, a repaired
+//   one's) has spaces around its specials, which can change how a
+//   damaged value parses ("report-ty.pe=x" becomes "report-ty . pe=x");
 // - a part of an RFC 1505 message that does not end with a line end gets
 //   one (only the last part can lack it, where the message does).
 //
@@ -47,7 +50,10 @@
 #include "host/host.h"
 #include "mime/rfc1521_handler.h"
 #include "platform/vek/registry.h"
+#include "reader/content_type_repair.h"
+#include "reader/field_parsers.h"
 #include "reader/header_block.h"
+#include "reader/header_reader.h"
 
 extern "C" Plg_element* plg_get_factory(const char16_t* name, const Tav_guid* type);
 
@@ -131,6 +137,50 @@ bool lacks_blank_line(std::string_view bytes) {
   std::vector<Smtp_header_field> fields;
   read_header_block(stream, fields, status);
   return status.ok() && !skip_blank_line(stream);
+}
+
+// The last "Content-Type" of a header block, unfolded; empty if none.
+std::string content_type_of(const Vek_buffer& buffer) {
+  Vek_status status;
+  Vek_buffered_istream stream(&buffer, true, status, vek_eol_lf);
+  std::vector<Smtp_header_field> fields;
+  if (status.ok()) read_header_block(stream, fields, status);
+  std::string value;
+  for (const Smtp_header_field& field : fields)
+    if (vek_string_equal_nc(field.name, "Content-Type")) value = field.value;
+  return value;
+}
+
+struct Parsed_type {
+  uint32_t status;
+  std::string type, subtype;
+  std::vector<std::pair<std::string, std::string>> parameters;
+  bool operator==(const Parsed_type&) const = default;
+};
+
+Parsed_type parsed(std::string_view value) {
+  Vek_status status;
+  Parsed_type result;
+  std::vector<Smtp_header_field> parameters;
+  parse_content_type(value, result.type, result.subtype, parameters, status);
+  result.status = status.value();
+  for (const Smtp_header_field& p : parameters) result.parameters.emplace_back(p.name, p.value);
+  return result;
+}
+
+// Whether the "Content-Type" of an entity, refolded as a rebuild writes
+// it, parses otherwise than before.
+bool refold_changes_type(std::string_view bytes, bool repaired) {
+  Vek_raw_memory_buffer source(bytes.size(), bytes.data(), 0);
+  std::string value = content_type_of(source);
+  if (value.empty()) return false;
+  if (repaired) repair_content_type(value);
+  Vek_memory_buffer written;
+  Vek_status status;
+  Vek_ostream out(&written, status, vek_eol_crlf);
+  write_header_field(out, "Content-Type", value, true, status);
+  out.writeln("", status);
+  return !status.ok() || parsed(content_type_of(written)) != parsed(value);
 }
 
 // Bytes for a report: escaped, at most 400 of them.
@@ -236,7 +286,12 @@ void walk(Fmg_manager_base& manager, const Host_options& options, const std::str
       // path (it keeps the new "Content-Type" for the real one, which then
       // gives the same bytes).
       auto* entity = dynamic_cast<Smtp_rfc1521_handler*>(node.handler);
-      if (entity == nullptr || rewritten || vek_string_equal_nc(entity->mime_type(), "multipart")) return;
+      if (entity == nullptr || rewritten) return;
+      if (refold_changes_type(node.bytes(), entity->content_type_repaired())) {
+        rewritten = true;
+        return;
+      }
+      if (vek_string_equal_nc(entity->mime_type(), "multipart")) return;
       if (vek_string_equal_nc(entity->encoding(), "quoted-printable") ||
           vek_string_equal_nc(entity->encoding(), "base64")) {
         rewritten = true;
