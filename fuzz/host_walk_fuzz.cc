@@ -10,7 +10,9 @@
 //   handler repaired the message, the repaired message's): the same items
 //   in the same places, taken by the same handlers, with the same item
 //   types, MIME types and names, and the same bytes in every leaf;
-// - no plug-in call throws, and every get_item moves its position on;
+// - no plug-in call throws, and every get_item moves its position on,
+//   except the one fault that the RFC 1505 handler reports by design: an
+//   "Encoding" field whose value is empty (recognition goes by the name);
 // - a rebuild fails only where a writer refuses a header line that opening
 //   let pass (then nothing more is checked).
 //
@@ -97,10 +99,16 @@ struct Node_view {
   bool operator==(const Node_view&) const = default;
 };
 
+// The failure that an empty "Encoding" value brings; the message is then
+// not taken and goes on as it came.
+constexpr std::string_view empty_encoding_failure =
+    "open: Smtp_rfc1505_handler::set_data - lost the Encoding header field.";
+
 std::vector<Node_view> view_of(Message_tree& tree) {
   std::vector<Node_view> views;
   tree.for_each([&](Item_node& node) {
-    FUZZ_CHECK(node.failure.empty(), "item \"%s\": %s", node.path.c_str(), node.failure.c_str());
+    FUZZ_CHECK(node.failure.empty() || node.failure == empty_encoding_failure, "item \"%s\": %s",
+               node.path.c_str(), node.failure.c_str());
     Node_view view;
     view.path = node.path;
     view.handler = node.handler_name;
