@@ -31,6 +31,8 @@
 // - a refolded "Content-Type" (every multipart entity's, a repaired
 //   one's) has spaces around its specials, which can change how a
 //   damaged value parses ("report-ty.pe=x" becomes "report-ty . pe=x");
+// - a real field named exactly "Bad-Header" is written without its name,
+//   and its value can then turn the field in front of it bad;
 // - a part of an RFC 1505 message that does not end with a line end gets
 //   one (only the last part can lack it, where the message does).
 //
@@ -146,6 +148,21 @@ bool lacks_blank_line(std::string_view bytes) {
   std::vector<Smtp_header_field> fields;
   read_header_block(stream, fields, status);
   return status.ok() && !skip_blank_line(stream);
+}
+
+// Whether the header block at the start of `bytes` holds a real field
+// named "Bad-Header", which the reader takes for its pseudo field.
+bool has_real_bad_header(std::string_view bytes) {
+  Vek_raw_memory_buffer buffer(bytes.size(), bytes.data(), 0);
+  Vek_status status;
+  Vek_buffered_istream stream(&buffer, true, status, vek_eol_lf);
+  std::vector<Smtp_header_field> fields;
+  if (status.ok()) read_header_block(stream, fields, status);
+  const std::string_view header = bytes.substr(0, static_cast<size_t>(stream.tell()));
+  constexpr std::string_view name = "Bad-Header:";
+  for (size_t at = header.find(name); at != std::string_view::npos; at = header.find(name, at + 1))
+    if (at == 0 || header[at - 1] == '\n') return true;
+  return false;
 }
 
 // The "Content-Type" fields of a header block, unfolded.
@@ -292,7 +309,7 @@ void walk(Fmg_manager_base& manager, const Host_options& options, const std::str
       if (node.handler == nullptr || node.children.empty()) return;
       Vek_status status;
       if (!above_replaced.contains(&node) && !node.handler->is_modified(*node.item, status)) return;
-      if (lacks_blank_line(node.bytes())) rewritten = true;
+      if (lacks_blank_line(node.bytes()) || has_real_bad_header(node.bytes())) rewritten = true;
       if (dynamic_cast<Smtp_rfc1505_handler*>(node.handler) != nullptr && !node.bytes().empty() &&
           !node.bytes().ends_with("\r\n"))
         rewritten = true;
