@@ -10,7 +10,7 @@
 # seeds alone each time (what `make test` does). The seeds are fuzz/seeds/,
 # samples/ and, when it is there, the shared corpus beside the repository;
 # they are only read. Inputs that break something go to BUILD/fuzz-findings,
-# logs to BUILD/fuzz-logs. FUZZ_JOBS (1 or 2) targets run at once. The exit
+# logs to BUILD/fuzz-logs (TARGET-MODE.log). FUZZ_JOBS (1 or 2) targets run at once. The exit
 # status is non-zero when any target found something.
 set -u
 build=$1
@@ -51,7 +51,9 @@ run_one() {
   [ -d "$top/fuzz/seeds/$target" ] && set -- "$@" "$top/fuzz/seeds/$target"
   set -- "$@" "$top/samples"
   [ -d "$top/../shared/corpus" ] && set -- "$@" "$top/../shared/corpus"
-  log="$build/fuzz-logs/$target.log"
+  # One log per mode, so that the short check of `make test` can run beside
+  # a long run without writing over its log.
+  log="$build/fuzz-logs/$target-$mode.log"
   # A fresh run is the check of `make test`: a fixed seed makes it explore
   # the same way on every machine, so that a finding can be replayed.
   seed=0
