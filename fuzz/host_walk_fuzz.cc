@@ -16,7 +16,7 @@
 // - a rebuild fails only where a writer refuses a header line that opening
 //   let pass (then nothing more is checked).
 //
-// Two rewrites are by design, and the tree check is skipped for messages
+// Some rewrites are by design, and the tree check is skipped for messages
 // where they happen, since what follows from them may differ:
 // - a single-body entity is written with a blank line behind its header
 //   block whether it had one or not; where a rebuilt entity had none (a
@@ -40,6 +40,7 @@
 // three header fields and ask for the body item too. The fields are ones
 // that a rebuild copies as they are; Content-Type and the transfer
 // encoding may be written anew with a re-encoded body.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -138,41 +139,37 @@ bool any_modified(Message_tree& tree) {
   return modified;
 }
 
-// Whether the bytes of an entity have no blank line behind their header
-// block, so that a rebuild writes one that was not there.
-bool lacks_blank_line(std::string_view bytes) {
+// The header block at the start of an entity's bytes, as the handlers
+// read it.
+struct Head {
+  std::vector<Smtp_header_field> fields;
+  std::string_view text;     // the block's bytes
+  bool blank_after = false;  // a blank line follows the block
+};
+
+Head head_of(std::string_view bytes) {
+  Head head;
   Vek_raw_memory_buffer buffer(bytes.size(), bytes.data(), 0);
   Vek_status status;
   Vek_buffered_istream stream(&buffer, true, status, vek_eol_lf);
-  if (!status.ok()) return false;
-  std::vector<Smtp_header_field> fields;
-  read_header_block(stream, fields, status);
-  return status.ok() && !skip_blank_line(stream);
+  if (status.ok()) read_header_block(stream, head.fields, status);
+  head.text = bytes.substr(0, static_cast<size_t>(std::min<uint64_t>(stream.tell(), bytes.size())));
+  head.blank_after = !status.ok() || skip_blank_line(stream);
+  return head;
 }
 
-// Whether the header block at the start of `bytes` holds a real field
-// named "Bad-Header", which the reader takes for its pseudo field.
-bool has_real_bad_header(std::string_view bytes) {
-  Vek_raw_memory_buffer buffer(bytes.size(), bytes.data(), 0);
-  Vek_status status;
-  Vek_buffered_istream stream(&buffer, true, status, vek_eol_lf);
-  std::vector<Smtp_header_field> fields;
-  if (status.ok()) read_header_block(stream, fields, status);
-  const std::string_view header = bytes.substr(0, static_cast<size_t>(stream.tell()));
+// Whether a header block holds a real field named "Bad-Header", which the
+// reader takes for its pseudo field.
+bool has_real_bad_header(std::string_view header) {
   constexpr std::string_view name = "Bad-Header:";
   for (size_t at = header.find(name); at != std::string_view::npos; at = header.find(name, at + 1))
     if (at == 0 || header[at - 1] == '\n') return true;
   return false;
 }
 
-// The "Content-Type" fields of a header block, unfolded.
-std::vector<std::string> content_types_of(const Vek_buffer& buffer) {
-  Vek_status status;
-  Vek_buffered_istream stream(&buffer, true, status, vek_eol_lf);
-  std::vector<Smtp_header_field> fields;
-  if (status.ok()) read_header_block(stream, fields, status);
+std::vector<std::string> content_types_of(const Head& head) {
   std::vector<std::string> values;
-  for (const Smtp_header_field& field : fields)
+  for (const Smtp_header_field& field : head.fields)
     if (vek_string_equal_nc(field.name, "Content-Type")) values.push_back(field.value);
   return values;
 }
@@ -197,9 +194,8 @@ Parsed_type parsed(std::string_view value) {
 // Whether a "Content-Type" field of an entity, refolded as a rebuild
 // writes it, reads otherwise than before: it parses differently, or, put
 // on one line because it cannot be tokenised, is no header line any more.
-bool refold_changes_type(std::string_view bytes, bool repaired) {
-  Vek_raw_memory_buffer source(bytes.size(), bytes.data(), 0);
-  for (std::string value : content_types_of(source)) {
+bool refold_changes_type(const Head& head, bool repaired) {
+  for (std::string value : content_types_of(head)) {
     if (repaired) repair_content_type(value);
     Vek_memory_buffer written;
     Vek_status status;
@@ -207,7 +203,8 @@ bool refold_changes_type(std::string_view bytes, bool repaired) {
     write_header_field(out, "Subject", "x", false, status);  // a field in front, as in a header
     write_header_field(out, "Content-Type", value, true, status);
     out.writeln("", status);
-    const std::vector<std::string> again = content_types_of(written);
+    const std::vector<std::string> again =
+        content_types_of(head_of({reinterpret_cast<const char*>(written.data()), written.size()}));
     if (!status.ok() || again.size() != 1 || parsed(again[0]) != parsed(value)) return true;
   }
   return false;
@@ -309,17 +306,14 @@ void walk(Fmg_manager_base& manager, const Host_options& options, const std::str
       if (node.handler == nullptr || node.children.empty()) return;
       Vek_status status;
       if (!above_replaced.contains(&node) && !node.handler->is_modified(*node.item, status)) return;
-      if (lacks_blank_line(node.bytes()) || has_real_bad_header(node.bytes())) rewritten = true;
-      if (dynamic_cast<Smtp_rfc1505_handler*>(node.handler) != nullptr && !node.bytes().empty() &&
-          !node.bytes().ends_with("\r\n"))
+      const std::string_view bytes = node.bytes();
+      const Head head = head_of(bytes);
+      if (!head.blank_after || has_real_bad_header(head.text)) rewritten = true;
+      if (dynamic_cast<Smtp_rfc1505_handler*>(node.handler) != nullptr && !bytes.empty() && !bytes.ends_with("\r\n"))
         rewritten = true;
-      // The host ends a handler once it has rebuilt it; for a "7bit" text
-      // a trial rebuild now tells whether it takes the quoted-printable
-      // path (it keeps the new "Content-Type" for the real one, which then
-      // gives the same bytes).
       auto* entity = dynamic_cast<Smtp_rfc1521_handler*>(node.handler);
       if (entity == nullptr || rewritten) return;
-      if (refold_changes_type(node.bytes(), entity->content_type_repaired())) {
+      if (refold_changes_type(head, entity->content_type_repaired())) {
         rewritten = true;
         return;
       }
@@ -329,6 +323,10 @@ void walk(Fmg_manager_base& manager, const Host_options& options, const std::str
         rewritten = true;
         return;
       }
+      // The host ends a handler once it has rebuilt it; for a "7bit" text
+      // a trial rebuild now tells whether it takes the quoted-printable
+      // path (it keeps the new "Content-Type" for the real one, which then
+      // gives the same bytes).
       delete entity->rebuild(*node.item, status);
       if (!entity->new_content_type().empty()) rewritten = true;
     });
