@@ -136,9 +136,7 @@ Message_tree::Message_tree(Fmg_manager_base& manager, std::string bytes, const H
 
 Message_tree::Message_tree(Fmg_manager_base& manager, Borrowed, std::string_view bytes, const Host_options& options)
     : manager_(manager), options_(options) {
-  if (options.keep_line_ends) {
-    input_ = bytes;
-  } else if (is_canonical(bytes)) {
+  if (options.keep_line_ends || is_canonical(bytes)) {
     input_ = bytes;
   } else {
     owned_ = make_canonical(bytes);
