@@ -16,7 +16,7 @@ FUZZ_TEST_SECONDS ?= 30
 FUZZ_JOBS ?= 1
 FUZZ_TARGETS ?= host_walk header encoded_words codecs block_scanner
 
-.PHONY: all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode bench-mbox clean
+.PHONY: all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode bench-hostile bench-mbox clean
 
 all: build
 
@@ -82,6 +82,12 @@ bench-explode: build bench-peer-packages
 	cmake --build $(BUILD)/bench-peers -j$(JOBS)
 	python3 bench/gen_inputs.py $(BUILD)/bench-inputs
 	python3 bench/run_bench.py --build $(BUILD) --peers $(BUILD)/bench-peers --inputs $(BUILD)/bench-inputs
+
+# The hostile inputs at n and 10n: HOSTILE_RUNS processes, each ratio and
+# their median.
+HOSTILE_RUNS ?= 3
+bench-hostile: build
+	python3 bench/hostile_ratios.py $(BUILD) --runs $(HOSTILE_RUNS)
 
 # smtpfm scan -j 2 over a generated mbox of MBOX_GIB GiB: its peak memory
 # beside the largest message's size.
