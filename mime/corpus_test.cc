@@ -8,7 +8,7 @@
 namespace {
 
 using mime_test::first_difference;
-using mime_test::Plugin;
+using mime_test::plugin;
 using mime_test::summarise;
 
 // Every leaf that its parent lets the host change is replaced with its own
@@ -16,12 +16,11 @@ using mime_test::summarise;
 TEST(Corpus, ReplacingEveryLeafWithItselfKeepsTheTree) {
   const auto corpus = load_corpus();
   if (corpus.empty()) GTEST_SKIP() << "no corpus at " << corpus_dir();
-  Plugin plugin;
   size_t rebuilt = 0;
   size_t untouched = 0;
   for (const auto& message : corpus) {
     SCOPED_TRACE(message.name);
-    auto original = plugin.open(message.text);
+    auto original = plugin().open(message.text);
     const auto before = summarise(*original);
 
     // Nothing replaced and nothing repaired: the message comes back as it is.
@@ -37,7 +36,7 @@ TEST(Corpus, ReplacingEveryLeafWithItselfKeepsTheTree) {
       ++untouched;
     }
 
-    auto tree = plugin.open(message.text);
+    auto tree = plugin().open(message.text);
     std::vector<Item_node*> leaves;
     tree->for_each([&leaves](Item_node& node) {
       if (node.parent != nullptr && node.is_leaf()) leaves.push_back(&node);
@@ -52,7 +51,7 @@ TEST(Corpus, ReplacingEveryLeafWithItselfKeepsTheTree) {
     std::string out, error;
     ASSERT_TRUE(tree->rebuild(out, error)) << error;
     if (replaced != 0 || repaired) ++rebuilt;
-    auto again = plugin.open(out);
+    auto again = plugin().open(out);
     const auto after = summarise(*again);
     ASSERT_EQ(before.size(), after.size());
     for (size_t i = 0; i < before.size(); ++i) {
@@ -64,12 +63,11 @@ TEST(Corpus, ReplacingEveryLeafWithItselfKeepsTheTree) {
 }
 
 TEST(Large, TenThousandPartsAndDeepNesting) {
-  Plugin plugin;
   std::string message = "MIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n";
   for (int part = 0; part < 10000; ++part)
     message += "--b\r\nContent-Type: text/plain; name=p" + std::to_string(part) + "\r\n\r\npart\r\n";
   message += "--b--\r\n";
-  auto tree = plugin.open(message);
+  auto tree = plugin().open(message);
   ASSERT_EQ(tree->root().children.size(), 10000u);
   EXPECT_EQ(mime_test::property(*tree->find("9998.0"), ZOR_ITEM_NAME), "p9999");
 
@@ -81,7 +79,7 @@ TEST(Large, TenThousandPartsAndDeepNesting) {
     nested = "Content-Type: multipart/mixed; boundary=" + boundary + "\r\n\r\n--" + boundary + "\r\n" +
              nested + "\r\n--" + boundary + "--\r\n";
   }
-  auto deep = plugin.open("MIME-Version: 1.0\r\n" + nested);
+  auto deep = plugin().open("MIME-Version: 1.0\r\n" + nested);
   size_t limited = 0;
   deep->for_each([&limited](Item_node& node) { limited += node.depth_limited ? 1 : 0; });
   EXPECT_EQ(limited, 1u);

@@ -6,12 +6,14 @@
 namespace {
 
 using mime_test::crlf;
-using mime_test::Plugin;
+using mime_test::message;
+using mime_test::parts;
+using mime_test::plugin;
 using mime_test::property;
 
-// One line per node: path, item type (B body, A attachment, H header, -
-// none), the content type or the enclosed type (in parentheses), the name,
-// and the bytes of a leaf with its line ends shown as "|".
+// One line per node below the top: path, item type (B body, A attachment,
+// H header, - none), the content type or the enclosed type (in
+// parentheses), the name, and the bytes of a leaf with "|" for CR LF.
 std::vector<std::string> describe(Message_tree& tree) {
   std::vector<std::string> lines;
   tree.for_each([&lines](Item_node& node) {
@@ -36,208 +38,132 @@ std::vector<std::string> describe(Message_tree& tree) {
   return lines;
 }
 
-std::vector<uint32_t> log_codes(const Item_node& node) {
-  std::vector<uint32_t> codes;
-  for (const auto& entry : node.item->logs()) codes.push_back(entry.code);
-  return codes;
-}
-
-const std::string mixed = crlf({
-    "From: a@example.org",
-    "Subject: mixed",
-    "MIME-Version: 1.0",
-    "Content-Type: multipart/mixed; boundary=\"outer\"",
-    "",
-    "This is the preamble.",
-    "--outer",
-    "Content-Type: text/plain; charset=us-ascii",
-    "",
-    "Hello",
-    "--outer",
-    "Content-Type: application/pdf; name=\"r.pdf\"",
-    "Content-Transfer-Encoding: base64",
-    "",
-    "JVBERg==",
-    "--outer",
-    "Content-Type: image/gif; name=a.gif",
-    "Content-Disposition: attachment; filename=b.gif",
-    "Content-Transfer-Encoding: base64",
-    "",
-    "R0lGOA==",
-    "--outer--",
-    "The epilogue.",
-});
-
 TEST(Multipart, MixedWithTextAndAttachments) {
-  Plugin plugin;
-  auto tree = plugin.open(mixed);
-  EXPECT_EQ(describe(*tree), (std::vector<std::string>{
-                                 "0 A (application/pdf)",
-                                 "0.0 - application/pdf r.pdf =%PDF",
-                                 "1 A (image/gif)",
-                                 "1.0 - image/gif a.gif =GIF8",
-                                 "2 B (text/plain)",
-                                 "2.0 - text/plain =Hello",
-                             }));
+  auto tree = plugin().open(
+      crlf("From: a@example.org|Subject: mixed|MIME-Version: 1.0|Content-Type: multipart/mixed; "
+           "boundary=\"outer\"||"
+           "This is the preamble.|" +
+           parts("outer",
+                 {"Content-Type: text/plain; charset=us-ascii||Hello",
+                  "Content-Type: application/pdf; name=\"r.pdf\"|Content-Transfer-Encoding: base64||JVBERg==",
+                  "Content-Type: image/gif; name=a.gif|Content-Disposition: attachment; filename=b.gif|"
+                  "Content-Transfer-Encoding: base64||R0lGOA=="}) +
+           "|The epilogue."));
+  EXPECT_EQ(describe(*tree),
+            (std::vector<std::string>{"0 A (application/pdf)", "0.0 - application/pdf r.pdf =%PDF",
+                                      "1 A (image/gif)", "1.0 - image/gif a.gif =GIF8", "2 B (text/plain)",
+                                      "2.0 - text/plain =Hello"}));
   EXPECT_EQ(property(tree->root(), ZOR_ATTACHMENT_COUNT), "2");
   EXPECT_EQ(property(*tree->find("2.0"), ZOR_ITEM_CHARSET), "US-ASCII");
-  EXPECT_EQ(tree->find("0")->bytes(),
-            "Content-Type: application/pdf; name=\"r.pdf\"\r\n"
-            "Content-Transfer-Encoding: base64\r\n\r\nJVBERg==");
-  EXPECT_TRUE(log_codes(tree->root()) == std::vector<uint32_t>{32});
-}
-
-// A MIME message of the content type `type` whose body is `lines`.
-std::string message_of(const std::string& type, const std::vector<std::string>& lines) {
-  return crlf({"MIME-Version: 1.0", "Content-Type: " + type, ""}) + crlf(lines);
+  // A part is its raw text, its header included, without the line end that
+  // belongs to the delimiter behind it.
+  EXPECT_EQ(
+      tree->find("0")->bytes(),
+      "Content-Type: application/pdf; name=\"r.pdf\"\r\nContent-Transfer-Encoding: base64\r\n\r\nJVBERg==");
+  ASSERT_EQ(tree->root().item->logs().size(), 1u);
+  EXPECT_EQ(tree->root().item->logs()[0].code, 32u);
 }
 
 TEST(Multipart, TheShapesOfBodiesAndAttachments) {
+  const std::string mixed = "multipart/mixed; boundary=b";
   const struct {
     const char* what;
     std::string message;
-    bool add_body;
     std::vector<std::string> tree;
+    bool add_body = false;
   } cases[] = {
       {"alternative in a message",
-       message_of("multipart/alternative; boundary=a",
-                  {"--a", "", "plain", "--a", "Content-Type: text/html", "", "<p>html</p>", "--a--"}),
-       false,
+       message("multipart/alternative; boundary=a",
+               parts("a", {"|plain", "Content-Type: text/html||<p>html</p>"})),
        {"0 B (text/plain)", "0.0 - text/plain =plain", "1 B (text/html)", "1.0 - text/html =<p>html</p>"}},
       {"alternative and related inside a message",
-       message_of("multipart/mixed; boundary=m", {"--m",
-                                                  "Content-Type: multipart/related; boundary=r",
-                                                  "",
-                                                  "--r",
-                                                  "Content-Type: multipart/alternative; boundary=a",
-                                                  "",
-                                                  "--a",
-                                                  "",
-                                                  "plain",
-                                                  "--a",
-                                                  "Content-Type: text/html",
-                                                  "",
-                                                  "<img src=cid:i>",
-                                                  "--a--",
-                                                  "--r",
-                                                  "Content-Type: image/png",
-                                                  "Content-ID: <i>",
-                                                  "",
-                                                  "png",
-                                                  "--r--",
-                                                  "--m",
-                                                  "Content-Type: application/zip",
-                                                  "",
-                                                  "zip",
-                                                  "--m--"}),
-       false,
+       message(
+           "multipart/mixed; boundary=m",
+           parts("m", {"Content-Type: multipart/related; boundary=r||" +
+                           parts("r", {"Content-Type: multipart/alternative; boundary=a||" +
+                                           parts("a", {"|plain", "Content-Type: text/html||<img src=cid:i>"}),
+                                       "Content-Type: image/png|Content-ID: <i>||png"}),
+                       "Content-Type: application/zip||zip"})),
        {"0 A (application/zip)", "0.0 - application/zip =zip", "1 B (multipart/related)",
         "1.0 - (multipart/alternative)", "1.0.0 - (text/plain)", "1.0.0.0 - text/plain =plain",
         "1.0.1 - (text/html)", "1.0.1.0 - text/html =<img src=cid:i>", "1.1 - (image/png)",
         "1.1.0 - image/png =png"}},
       {"digest with and without part headers",
-       message_of(
-           "multipart/digest; boundary=d",
-           {"--d", "", "Subject: one", "", "first", "--d", "Content-Type: message/rfc822", "", "Subject: two",
-            "", "second", "--d", "Content-Type: text/plain", "", "not a message", "--d--"}),
-       false,
+       message("multipart/digest; boundary=d",
+               parts("d", {"|Subject: one||first", "Content-Type: message/rfc822||Subject: two||second",
+                           "Content-Type: text/plain||not a message"})),
        {"0 A (message/rfc822)", "0.0 - message/rfc822", "0.0.0 B =first", "1 A (message/rfc822)",
         "1.0 - message/rfc822", "1.0.0 B =second", "2 A (text/plain)", "2.0 - text/plain =not a message"}},
       {"first part no text, with AddBody",
-       message_of("multipart/mixed; boundary=b",
-                  {"--b", "Content-Type: application/pdf", "", "pdf", "--b", "", "second", "--b--"}),
-       true,
+       message(mixed, parts("b", {"Content-Type: application/pdf||pdf", "|second"})),
        {"0 A (application/pdf)", "0.0 - application/pdf =pdf", "1 A (text/plain)", "1.0 - text/plain =second",
-        "2 B (text/plain)", "2.0 - text/plain ="}},
+        "2 B (text/plain)", "2.0 - text/plain ="},
+       true},
       {"first part no text, without AddBody",
-       message_of("multipart/mixed; boundary=b",
-                  {"--b", "Content-Type: application/pdf", "", "pdf", "--b--"}),
-       false,
+       message(mixed, parts("b", {"Content-Type: application/pdf||pdf"})),
        {"0 A (application/pdf)", "0.0 - application/pdf =pdf"}},
       {"first part without a header is the text",
-       message_of("multipart/mixed; boundary=b", {"--b", "", "text", "--b--"}),
-       false,
+       message(mixed, parts("b", {"|text"})),
        {"0 B (text/plain)", "0.0 - text/plain =text"}},
       {"missing closing delimiter: the last part is no record",
-       message_of("multipart/mixed; boundary=b", {"--b", "", "one", "--b", "", "two"}),
-       false,
+       message(mixed, "--b||one|--b||two"),
        {"0 B (text/plain)", "0.0 - text/plain =one"}},
       {"boundary with blanks, delimiters with blanks",
-       message_of("multipart/mixed; boundary=\" b c \"",
-                  {"--  b c   ", "", "one", "--b c", "", "two", "-- b c --", "x"}),
-       false,
+       message("multipart/mixed; boundary=\" b c \"", "--  b c   ||one|--b c||two|-- b c --|x"),
        {"0 A (text/plain)", "0.0 - text/plain =two", "1 B (text/plain)", "1.0 - text/plain =one"}},
       {"delimiter right behind a delimiter is an empty part",
-       message_of("multipart/mixed; boundary=b",
-                  {"--b", "--b", "Content-Type: image/gif", "", "gif", "--b--"}),
-       false,
+       message(mixed, "--b|--b|Content-Type: image/gif||gif|--b--"),
        {"0 A (image/gif)", "0.0 - image/gif =gif", "1 B (text/plain)", "1.0 - text/plain ="}},
-      {"closing delimiter first: no records",
-       message_of("multipart/mixed; boundary=b", {"--b--", "--b", "", "x"}),
-       false,
-       {}},
+      {"closing delimiter first: no records", message(mixed, "--b--|--b||x"), {}},
       {"signed: the signed part only",
-       message_of("multipart/signed; boundary=s; protocol=\"application/pgp-signature\"",
-                  {"--s", "Content-Type: text/plain", "", "signed text", "--s",
-                   "Content-Type: application/pgp-signature", "", "SIG", "--s--"}),
-       false,
+       message("multipart/signed; boundary=s; protocol=\"application/pgp-signature\"",
+               parts("s", {"Content-Type: text/plain||signed text",
+                           "Content-Type: application/pgp-signature||SIG"})),
        {"0 B (text/plain)", "0.0 - text/plain =signed text"}},
       {"encrypted: nothing",
-       message_of("multipart/encrypted; boundary=e",
-                  {"--e", "Content-Type: application/pgp-encrypted", "", "Version: 1", "--e--"}),
-       false,
+       message("multipart/encrypted; boundary=e",
+               parts("e", {"Content-Type: application/pgp-encrypted||Version: 1"})),
        {}},
       {"embedded block in a text part",
-       message_of("multipart/mixed; boundary=b",
-                  {"--b", "", "see", "begin 644 f", "#86)C", "`", "end", "--b--"}),
-       false,
+       message(mixed, parts("b", {"|see|begin 644 f|#86)C|`|end"})),
        {"0 A (/)", "0.0 - text/plain =begin 644 f|#86)C|`|end", "1 B (text/plain)",
         "1.0 - text/plain =see|"}},
       // Each part that cannot be decoded stays a leaf of its raw text; the
       // second ends in "=" in front of the delimiter's line end.
       {"bad encoded data in parts",
-       message_of("multipart/mixed; boundary=b",
-                  {"--b", "Content-Transfer-Encoding: base64", "", "R0l!", "--b",
-                   "Content-Transfer-Encoding: quoted-printable", "", "ok=", "--b--"}),
-       false,
+       message(mixed, parts("b", {"Content-Transfer-Encoding: base64||R0l!",
+                                  "Content-Transfer-Encoding: quoted-printable||ok="})),
        {"0 A (text/plain) =Content-Transfer-Encoding: quoted-printable||ok=",
         "1 B (text/plain) =Content-Transfer-Encoding: base64||R0l!"}},
   };
-  const Plugin plain;
-  Host_options add_body;
-  add_body.add_body = true;
-  const Plugin with_body(add_body);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    auto tree = (c.add_body ? with_body : plain).open(c.message);
+    auto tree = plugin(c.add_body).open(c.message);
     EXPECT_EQ(tree->root().handler_name, "Smtp_rfc1521_handler");
     EXPECT_EQ(describe(*tree), c.tree);
   }
 }
 
+// Each level wraps the one inside it as message/rfc822, the innermost in
+// quoted-printable.
 TEST(Multipart, MessagesNestedSeveralLevelsDeep) {
-  // Each level wraps the one inside it as message/rfc822, the innermost in
-  // quoted-printable.
-  std::string message = crlf({"Subject: level 0", "MIME-Version: 1.0",
-                              "Content-Transfer-Encoding: quoted-printable", "", "caf=C3=A9"});
+  std::string message =
+      crlf("Subject: level 0|MIME-Version: 1.0|Content-Transfer-Encoding: quoted-printable||caf=C3=A9");
   for (int level = 1; level <= 5; ++level)
-    message = crlf({"Subject: level " + std::to_string(level), "MIME-Version: 1.0",
-                    "Content-Type: message/rfc822", ""}) +
-              message;
-  Plugin plugin;
-  auto tree = plugin.open(message);
-  std::string path;
-  for (int level = 5; level >= 1; --level) {
-    path += path.empty() ? "0" : ".0";
+    message =
+        crlf("Subject: level " + std::to_string(level) + "|MIME-Version: 1.0|Content-Type: message/rfc822|") +
+        message;
+  auto tree = plugin().open(message);
+  std::string path = "0";
+  for (int level = 5; level >= 1; --level, path += ".0") {
     Item_node* node = tree->find(path);
     ASSERT_NE(node, nullptr) << path;
-    EXPECT_EQ(property(*node, ZOR_MIME_TYPE), "message");
-    EXPECT_EQ(property(*node, ZOR_ITEM_TYPE), "BodyItem");
-    EXPECT_EQ(property(*node, ZOR_MESSAGE_ITEM), "1");
+    EXPECT_EQ(property(*node, ZOR_MIME_TYPE) + " " + property(*node, ZOR_ITEM_TYPE) + " " +
+                  property(*node, ZOR_MESSAGE_ITEM),
+              "message BodyItem 1");
   }
-  Item_node* text = tree->find(path + ".0");
-  ASSERT_NE(text, nullptr);
-  EXPECT_EQ(text->bytes(), "caf\xC3\xA9\r\n");
+  ASSERT_NE(tree->find(path), nullptr);
+  EXPECT_EQ(tree->find(path)->bytes(), "caf\xC3\xA9\r\n");
   EXPECT_EQ(property(tree->root(), ZOR_SUBJECT), "level 5");
 }
 

@@ -13,17 +13,22 @@ namespace {
 
 using mime_test::crlf;
 
-// One entity opened by a handler of its own, as the manager would open it.
+// One entity opened by a handler of its own, as the manager would open it:
+// a message, or, given `enclosed` ("type/subtype" or "type"), a part to
+// which its parent gave that type.
 struct Opened {
-  Opened(std::string source, bool is_message,
-         const std::vector<std::pair<std::u16string, std::u16string>>& enclosed = {},
-         std::vector<std::string> export_list = {})
+  explicit Opened(std::string source, const char* enclosed = nullptr,
+                  std::vector<std::string> export_list = {})
       : text(std::move(source)), exports(std::move(export_list)), buffer(text.size(), text.data(), 0) {
-    if (is_message)
-      item = std::make_unique<Fmg_host_item>();
-    else
-      item = std::make_unique<Fmg_host_item>(&parent);
-    for (const auto& [name, value] : enclosed) item->properties().add(name, value);
+    const bool is_message = enclosed == nullptr;
+    item = is_message ? std::make_unique<Fmg_host_item>() : std::make_unique<Fmg_host_item>(&parent);
+    if (!is_message) {
+      const std::string_view type = enclosed;
+      const size_t slash = type.find('/');
+      item->properties().add(ZOR_ENCLOSED_MIME_TYPE, vek_stow(type.substr(0, slash)));
+      if (slash != std::string_view::npos)
+        item->properties().add(ZOR_ENCLOSED_MIME_SUBTYPE, vek_stow(type.substr(slash + 1)));
+    }
     handler.reset(new Smtp_rfc1521_handler(name, exports, is_message, false));
     handler->set_data(&buffer, *item, status);
   }
@@ -50,11 +55,6 @@ struct Opened {
     }
     return subs;
   }
-  std::vector<uint32_t> logs() const {
-    std::vector<uint32_t> codes;
-    for (const auto& entry : item->logs()) codes.push_back(entry.code);
-    return codes;
-  }
 
   std::string text;
   // The manager's name and header list, which the handler holds by reference.
@@ -69,89 +69,70 @@ struct Opened {
 
 // What an opened entity shows: its type, the item types of its sub-items
 // in the host's order (B body, A attachment, - none), the attachment count,
-// the charset of each sub-item and the log codes.
-std::string outline(Opened& opened, std::string& last_bytes) {
-  auto subs = opened.walk();
-  std::string kinds;
+// the charset of each sub-item, the log codes and the bytes of the last
+// sub-item.
+std::string outline(Opened& opened) {
+  const auto subs = opened.walk();
+  std::string kinds, charsets;
   for (const auto& sub : subs) {
     const std::string type = sub.get(ZOR_ITEM_TYPE);
     kinds += type == "-" ? '-' : type == vek_wtos(ZOR_BODY_ITEM) ? 'B' : 'A';
+    charsets += (charsets.empty() ? "" : ",") + sub.get(ZOR_ITEM_CHARSET);
   }
   const Tav_property* count = opened.item->properties().find(ZOR_ATTACHMENT_COUNT);
   std::string text = opened.handler->mime_type() + "/" + opened.handler->mime_subtype() + " " + kinds +
-                     " n=" + (count ? std::to_string(count->integer_value()) : "-") + " cs=";
-  for (const auto& sub : subs) text += sub.get(ZOR_ITEM_CHARSET) + (&sub == &subs.back() ? "" : ",");
-  if (subs.empty()) text += "-";
-  text += " log=";
-  for (uint32_t code : opened.logs()) text += std::to_string(code);
-  last_bytes = subs.empty() ? "" : subs.back().bytes;
-  return text;
+                     " n=" + (count ? std::to_string(count->integer_value()) : "-") +
+                     " cs=" + (subs.empty() ? "-" : charsets) + " log=";
+  for (const auto& entry : opened.item->logs()) text += std::to_string(entry.code);
+  return text + " =" + (subs.empty() ? "" : subs.back().bytes);
 }
 
 TEST(Open, SingleBodies) {
-  const std::string uu = "begin 644 a.bin\r\n#86)C\r\n`\r\nend\r\n";
   const struct {
     const char* what;
     std::string text;
-    bool is_message;
-    const char* enclosed;  // "type/subtype" or "type" given by a parent; null for none
+    const char* enclosed;  // null for a message
     const char* outline;
-    const char* last_bytes;
     uint32_t status = 0;
   } cases[] = {
-      {"no header", "\r\nHello\r\n", true, nullptr, "text/plain B n=0 cs=US-ASCII log=", "Hello\r\n"},
-      {"refused block hides its fields", crlf({"Content-Type: image/gif", "no colon", "", "x"}), true,
-       nullptr, "text/plain B n=0 cs=US-ASCII log=", "x\r\n"},
-      {"enclosed default", "\r\nFrom: a\r\n\r\nx", false, "message/rfc822",
-       "message/rfc822 - n=- cs=- log=", "From: a\r\n\r\nx"},
-      {"empty enclosed type", "\r\nx", false, "", "text/plain - n=- cs=US-ASCII log=", "x"},
-      {"enclosed type alone", "\r\nx", false, "image", "/  n=- cs=- log=33", ""},
-      {"last field counts",
-       crlf({"Content-Type: text/html", "Content-Type: image/gif; charset=utf-8", "", "x"}), true, nullptr,
-       "image/gif B n=0 cs=- log=", "x\r\n"},
+      {"no header", crlf("|Hello"), nullptr, "text/plain B n=0 cs=US-ASCII log= =Hello\r\n"},
+      {"refused block hides its fields", crlf("Content-Type: image/gif|no colon||x"), nullptr,
+       "text/plain B n=0 cs=US-ASCII log= =x\r\n"},
+      {"empty enclosed type", "\r\nx", "", "text/plain - n=- cs=US-ASCII log= =x"},
+      {"enclosed type alone", "\r\nx", "image", "/  n=- cs=- log=33 ="},
+      {"last field counts", crlf("Content-Type: text/html|Content-Type: image/gif; charset=utf-8||x"),
+       nullptr, "image/gif B n=0 cs=- log= =x\r\n"},
       {"quoted-printable",
-       crlf({"Content-Type: text/plain; charset=utf-8", "Content-Transfer-Encoding: Quoted-Printable", "",
-             "caf=C3=A9 =", "ok =3d"}),
-       true, nullptr, "text/plain B n=0 cs=UTF-8 log=", "caf\xC3\xA9 ok =\r\n"},
-      {"quoted-printable ends in an escape", crlf({"Content-Transfer-Encoding: quoted-printable", ""}) + "a=",
-       true, nullptr, "text/plain  n=0 cs=- log=33", ""},
-      {"base64", crlf({"Content-Type: image/gif", "Content-Transfer-Encoding: base64", "", "R0lG", "OA=="}),
-       true, nullptr, "image/gif B n=0 cs=- log=", "GIF8"},
-      {"bad base64", crlf({"Content-Transfer-Encoding: base64", "", "R0l*"}), true, nullptr,
-       "text/plain  n=0 cs=- log=33", ""},
+       crlf("Content-Type: text/plain; charset=utf-8|Content-Transfer-Encoding: Quoted-Printable||"
+            "caf=C3=A9 =|ok =3d"),
+       nullptr, "text/plain B n=0 cs=UTF-8 log= =caf\xC3\xA9 ok =\r\n"},
+      {"quoted-printable ends in an escape",
+       crlf("Content-Transfer-Encoding: quoted-printable|") + "a=", nullptr, "text/plain  n=0 cs=- log=33 ="},
+      {"base64", crlf("Content-Type: image/gif|Content-Transfer-Encoding: base64||R0lG|OA=="), nullptr,
+       "image/gif B n=0 cs=- log= =GIF8"},
+      {"bad base64", crlf("Content-Transfer-Encoding: base64||R0l*"), nullptr,
+       "text/plain  n=0 cs=- log=33 ="},
       {"attachment on base64",
-       crlf({"Content-Transfer-Encoding: base64", "Content-Disposition: ATTACHMENT", "", "R0lG"}), true,
-       nullptr, "text/plain A n=1 cs=US-ASCII log=", "GIF"},
-      {"attachment on 7bit", crlf({"Content-Disposition: attachment", "", "x"}), true, nullptr,
-       "text/plain B n=0 cs=US-ASCII log=", "x\r\n"},
-      {"encoded body of a part", crlf({"Content-Transfer-Encoding: base64", "", "R0lG"}), false, nullptr,
-       "text/plain - n=- cs=US-ASCII log=", "GIF"},
-      {"encoding that does not parse", crlf({"Content-Transfer-Encoding: 7bit 8bit", "", "x"}), true, nullptr,
-       "text/plain  n=- cs=- log=33", ""},
-      {"encoding not decoded", crlf({"Content-Transfer-Encoding: x-uuencode", "", "x"}), true, nullptr,
-       "text/plain B n=0 cs=US-ASCII log=", "x\r\n"},
+       crlf("Content-Transfer-Encoding: base64|Content-Disposition: ATTACHMENT||R0lG"), nullptr,
+       "text/plain A n=1 cs=US-ASCII log= =GIF"},
+      {"attachment on 7bit", crlf("Content-Disposition: attachment||x"), nullptr,
+       "text/plain B n=0 cs=US-ASCII log= =x\r\n"},
+      {"encoding that does not parse", crlf("Content-Transfer-Encoding: 7bit 8bit||x"), nullptr,
+       "text/plain  n=- cs=- log=33 ="},
+      {"encoding not decoded", crlf("Content-Transfer-Encoding: x-uuencode||x"), nullptr,
+       "text/plain B n=0 cs=US-ASCII log= =x\r\n"},
       // The block comes first, and both records are of the entity's type.
-      {"embedded block", crlf({"Content-Type: text/plain; charset=utf-8", "", "see"}) + uu + "bye\r\n", true,
-       nullptr, "text/plain AB n=1 cs=UTF-8,UTF-8 log=", "see\r\n"},
+      {"embedded block", crlf("Content-Type: text/plain; charset=utf-8||see|begin 644 a.bin|#86)C|`|end|bye"),
+       nullptr, "text/plain AB n=1 cs=UTF-8,UTF-8 log= =see\r\n"},
       {"disposition that does not parse fails the opening",
-       crlf({"Content-Disposition: attachment; filename", "", "x"}), true, nullptr,
-       "text/plain  n=- cs=- log=", "", smtp_bad_content_disposition},
+       crlf("Content-Disposition: attachment; filename||x"), nullptr,
+       "text/plain  n=- cs=- log= =", smtp_bad_content_disposition},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    std::vector<std::pair<std::u16string, std::u16string>> enclosed;
-    if (c.enclosed != nullptr) {
-      const std::string_view type = c.enclosed;
-      const size_t slash = type.find('/');
-      enclosed.emplace_back(ZOR_ENCLOSED_MIME_TYPE, vek_stow(type.substr(0, slash)));
-      if (slash != std::string_view::npos)
-        enclosed.emplace_back(ZOR_ENCLOSED_MIME_SUBTYPE, vek_stow(type.substr(slash + 1)));
-    }
-    Opened opened(c.text, c.is_message, enclosed);
+    Opened opened(c.text, c.enclosed);
     EXPECT_EQ(opened.status.value(), c.status);
-    std::string last;
-    EXPECT_EQ(outline(opened, last), c.outline);
-    EXPECT_EQ(last, c.last_bytes);
+    EXPECT_EQ(outline(opened), c.outline);
   }
 }
 
@@ -180,18 +161,17 @@ TEST(Secure, ClassifiedByTypeParameterAndFileName) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.content_type);
-    std::vector<std::string> lines = {"Subject: s", std::string("Content-Type: ") + c.content_type};
-    if (*c.disposition) lines.push_back(std::string("Content-Disposition: ") + c.disposition);
     // A multipart entity with one part; any other a Base64 body.
-    if (std::string_view(c.content_type).starts_with("multipart"))
-      lines.insert(lines.end(), {"", "--b", "", "x", "--b--"});
-    else
-      lines.insert(lines.end(), {"Content-Transfer-Encoding: base64", "", "R0lG"});
-    Opened opened(crlf(lines), true, {}, {"SUBJECT"});
+    const std::string type = c.content_type;
+    Opened opened(
+        crlf("Subject: s|Content-Type: " + type +
+             (*c.disposition ? "|Content-Disposition: " + std::string(c.disposition) : "") +
+             (type.starts_with("multipart") ? "||--b||x|--b--" : "|Content-Transfer-Encoding: base64||R0lG")),
+        nullptr, {"SUBJECT"});
     ASSERT_TRUE(opened.status.ok());
-    std::string flags = std::string(opened.handler->is_signed() ? "s" : "") +
-                        (opened.handler->is_encrypted() ? "e" : "") +
-                        (opened.handler->is_certificate() ? "c" : "");
+    const Smtp_rfc1521_handler& handler = *opened.handler;
+    const std::string flags = std::string(handler.is_signed() ? "s" : "") +
+                              (handler.is_encrypted() ? "e" : "") + (handler.is_certificate() ? "c" : "");
     EXPECT_EQ(flags, c.flags);
     Vek_status s;
     const bool encrypted = flags == "e";
@@ -199,7 +179,7 @@ TEST(Secure, ClassifiedByTypeParameterAndFileName) {
     EXPECT_EQ(opened.item->has_log(36), encrypted);
     EXPECT_EQ(opened.item->has_log(35), flags == "s");
     // Encrypted: the header record stays, out of reach. Else header + body.
-    EXPECT_EQ(opened.handler->table().items.size(), encrypted ? 1u : 2u);
+    EXPECT_EQ(handler.table().items.size(), encrypted ? 1u : 2u);
     if (!encrypted) {
       EXPECT_EQ(opened.handler->can_modify_item(1, *opened.item, s), flags.empty());
     }
@@ -210,9 +190,9 @@ TEST(Secure, ClassifiedByTypeParameterAndFileName) {
 // its name as written; positions out of range throw, and the header records
 // cannot be replaced.
 TEST(Access, PositionsPropertiesAndFaultsOfTheCaller) {
-  Opened opened(crlf({"Subject: =?utf-8?q?caf=C3=A9?=", "Date: today",
-                      "Content-Type: text/plain; charset=utf-8;", " name=\"=?utf-8?q?x?= a.txt\"", "", "x"}),
-                true, {}, {"DATE", "SUBJECT"});
+  Opened opened(crlf("Subject: =?utf-8?q?caf=C3=A9?=|Date: today|Content-Type: text/plain; charset=utf-8;|"
+                     " name=\"=?utf-8?q?x?= a.txt\"||x"),
+                nullptr, {"DATE", "SUBJECT"});
   ASSERT_TRUE(opened.status.ok());
   auto subs = opened.walk();
   ASSERT_EQ(subs.size(), 3u);

@@ -9,13 +9,15 @@ namespace {
 
 using mime_test::crlf;
 using mime_test::first_difference;
-using mime_test::Plugin;
+using mime_test::message;
+using mime_test::parts;
+using mime_test::plugin;
 using mime_test::summarise;
 
 // Replaces the nodes at `paths` with `bytes` each and rebuilds the message.
 // A handler may be asked to rebuild more than once: the second time gives
 // the same bytes.
-std::string rebuilt(const Plugin& plugin, const std::string& message,
+std::string rebuilt(const mime_test::Plugin& plugin, const std::string& message,
                     const std::vector<std::pair<std::string, std::string>>& replacements) {
   auto tree = plugin.open(message);
   std::string error;
@@ -31,8 +33,8 @@ std::string rebuilt(const Plugin& plugin, const std::string& message,
 }
 
 // The text of the leaves of a message, in walk order.
-std::vector<std::string> leaves(const Plugin& plugin, const std::string& message) {
-  auto tree = plugin.open(message);
+std::vector<std::string> leaves(const std::string& message) {
+  auto tree = plugin().open(message);
   std::vector<std::string> texts;
   tree->for_each([&texts](Item_node& node) {
     if (node.parent != nullptr && node.is_leaf()) texts.emplace_back(node.bytes());
@@ -40,64 +42,38 @@ std::vector<std::string> leaves(const Plugin& plugin, const std::string& message
   return texts;
 }
 
-// A MIME message of the content type `type` whose body is `lines`.
-std::string message_of(const std::string& type, const std::vector<std::string>& lines) {
-  return crlf({"MIME-Version: 1.0", "Content-Type: " + type, ""}) + crlf(lines);
-}
-
-const std::vector<std::string> mixed_head = {"From: a@example.org", "MIME-Version: 1.0",
-                                             "Content-Type: multipart/mixed; boundary=\"outer\"", ""};
-
 TEST(Rebuild, SevenBitTextWithEightBitBytesBecomesQuotedPrintable) {
   const struct {
     const char* what;
-    std::vector<std::string> head;
-    std::string body;
-    std::vector<std::string> want_head;  // empty: the header unchanged and the body raw
+    const char* head;  // behind "MIME-Version: 1.0"
+    const char* body;
+    const char* want_head;  // null: the header unchanged and the body raw
   } cases[] = {
-      {"no charset",
-       {"MIME-Version: 1.0", "Content-Type: text/plain; format=flowed", "Content-Transfer-Encoding: 7bit"},
+      {"no charset", "|Content-Type: text/plain; format=flowed|Content-Transfer-Encoding: 7bit",
        "caf\xE9\r\n",
-       {"MIME-Version: 1.0", "Content-Type: text/plain; format=flowed; charset=ISO-8859-1",
-        "Content-Transfer-Encoding: 7bit", "Content-Transfer-Encoding: quoted-printable"}},
-      {"US-ASCII moves last",
-       {"MIME-Version: 1.0", "Content-Type: text/plain; charset=\"us-ascii\"; name=\"a b(1).txt\""},
+       "|Content-Type: text/plain; format=flowed; charset=ISO-8859-1|Content-Transfer-Encoding: 7bit|"
+       "Content-Transfer-Encoding: quoted-printable"},
+      {"US-ASCII moves last", "|Content-Type: text/plain; charset=\"us-ascii\"; name=\"a b(1).txt\"",
        "caf\xE9\r\n",
-       {"MIME-Version: 1.0", "Content-Type: text/plain; name=\"a b(1).txt\"; charset=ISO-8859-1",
-        "Content-Transfer-Encoding: quoted-printable"}},
-      {"no Content-Type field",
-       {"MIME-Version: 1.0"},
-       "caf\xE9\r\n",
-       {"MIME-Version: 1.0", "Content-Type: text/plain; charset=ISO-8859-1",
-        "Content-Transfer-Encoding: quoted-printable"}},
-      {"unknown charset",
-       {"MIME-Version: 1.0", "Content-Type: text/plain; charset=x-nowhere"},
-       "caf\xE9\r\n",
-       {}},
-      {"pure ASCII", {"MIME-Version: 1.0", "Content-Type: text/plain"}, "cafe\r\n", {}},
-      {"not text", {"MIME-Version: 1.0", "Content-Type: application/octet-stream"}, "caf\xE9\r\n", {}},
-      {"8bit", {"MIME-Version: 1.0", "Content-Transfer-Encoding: 8bit"}, "caf\xE9\r\n", {}},
-      {"unknown transfer encoding",
-       {"MIME-Version: 1.0", "Content-Transfer-Encoding: x-uuencode"},
-       "caf\xE9\r\n",
-       {}},
+       "|Content-Type: text/plain; name=\"a b(1).txt\"; charset=ISO-8859-1|"
+       "Content-Transfer-Encoding: quoted-printable"},
+      {"no Content-Type field", "", "caf\xE9\r\n",
+       "|Content-Type: text/plain; charset=ISO-8859-1|Content-Transfer-Encoding: quoted-printable"},
+      {"unknown charset", "|Content-Type: text/plain; charset=x-nowhere", "caf\xE9\r\n", nullptr},
+      {"pure ASCII", "|Content-Type: text/plain", "cafe\r\n", nullptr},
+      {"not text", "|Content-Type: application/octet-stream", "caf\xE9\r\n", nullptr},
+      {"8bit", "|Content-Transfer-Encoding: 8bit", "caf\xE9\r\n", nullptr},
+      {"unknown transfer encoding", "|Content-Transfer-Encoding: x-uuencode", "caf\xE9\r\n", nullptr},
   };
-  Plugin plugin;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    std::vector<std::string> head = c.head;
-    head.push_back("");
-    const std::string out = rebuilt(plugin, crlf(head) + "old\r\n", {{"0", c.body}});
-    std::string want;
-    if (c.want_head.empty()) {
-      want = crlf(head) + c.body;
-    } else {
-      std::vector<std::string> want_head = c.want_head;
-      want_head.push_back("");
-      want = crlf(want_head) + "caf=E9\r\n";
-    }
+    const std::string head = crlf("MIME-Version: 1.0" + std::string(c.head) + "|");
+    const std::string out = rebuilt(plugin(), head + "old\r\n", {{"0", c.body}});
+    const std::string want = c.want_head == nullptr
+                                 ? head + c.body
+                                 : crlf("MIME-Version: 1.0" + std::string(c.want_head) + "|") + "caf=E9\r\n";
     EXPECT_EQ(out, want) << first_difference(out, want);
-    EXPECT_EQ(leaves(plugin, out), std::vector<std::string>{c.body});
+    EXPECT_EQ(leaves(out), std::vector<std::string>{c.body});
   }
 }
 
@@ -116,12 +92,11 @@ TEST(Rebuild, DecodedMessageWithBareLineFeeds) {
   encode_base64(in, out, inner.size(), status);
   ASSERT_TRUE(status.ok());
   const std::string message =
-      crlf({"MIME-Version: 1.0", "Content-Type: message/rfc822", "Content-Transfer-Encoding: base64", ""}) +
+      crlf("MIME-Version: 1.0|Content-Type: message/rfc822|Content-Transfer-Encoding: base64|") +
       std::string(reinterpret_cast<const char*>(encoded.data()), encoded.size());
-  Plugin plugin;
-  EXPECT_EQ(leaves(plugin, message), (std::vector<std::string>{"zip", "first"}));
-  const std::string rebuilt_message = rebuilt(plugin, message, {{"0.0.0", "ZIP"}});
-  EXPECT_EQ(leaves(plugin, rebuilt_message), (std::vector<std::string>{"ZIP", "first"}));
+  EXPECT_EQ(leaves(message), (std::vector<std::string>{"zip", "first"}));
+  EXPECT_EQ(leaves(rebuilt(plugin(), message, {{"0.0.0", "ZIP"}})),
+            (std::vector<std::string>{"ZIP", "first"}));
 }
 
 // What did not change goes out byte for byte, delimiters are written anew,
@@ -129,7 +104,9 @@ TEST(Rebuild, DecodedMessageWithBareLineFeeds) {
 // whole entity the content comes from the source: nothing the original had
 // is missing after a rebuild.
 TEST(Rebuild, Goldens) {
-  const std::string binary(100, '\xff');
+  const std::string mixed =
+      "From: a@example.org|MIME-Version: 1.0|Content-Type: multipart/mixed; boundary=\"outer\"||";
+  const std::string gif = "Content-Type: image/gif||gif";
   const struct {
     const char* what;
     std::string message;
@@ -138,85 +115,72 @@ TEST(Rebuild, Goldens) {
     bool add_body = false;
   } cases[] = {
       {"unchanged",
-       crlf(mixed_head) + crlf({"pre", "--outer", "", "text", "--outer--", "epi"}),
+       crlf(mixed + "pre|" + parts("outer", {"|text"}) + "|epi"),
        {},
-       crlf(mixed_head) + crlf({"pre", "--outer", "", "text", "--outer--", "epi"})},
+       crlf(mixed + "pre|" + parts("outer", {"|text"}) + "|epi")},
       // Delimiters with trailing blanks and no closing delimiter: the last
       // part is no record and comes back behind the new closing delimiter.
       {"replaced part",
-       crlf(mixed_head) + crlf({"pre", "amble", "--outer  ", "", "one", "--outer", "Content-Type: image/gif",
-                                "", "gif", "--outer ", "Content-Type: text/html", "", "<p>", ""}),
+       crlf(mixed + "pre|amble|--outer  ||one|--outer|" + gif + "|--outer |Content-Type: text/html||<p>|"),
        {{"0", "Content-Type: image/png\r\n\r\npng"}},
-       crlf(mixed_head) + crlf({"pre", "amble", "--outer", "", "one", "--outer", "Content-Type: image/png",
-                                "", "png", "--outer--", "Content-Type: text/html", "", "<p>", ""})},
+       crlf(mixed + "pre|amble|" + parts("outer", {"|one", "Content-Type: image/png||png"}) +
+            "|Content-Type: text/html||<p>|")},
       // A repaired field alone makes the entity modified.
       {"quoted-printable encoded anew, repaired",
-       crlf({"MIME-Version: 1.0", "Content-Type: text/plain;", "Content-Transfer-Encoding: quoted-printable",
-             "", "caf=C3=A9 au =", "lait"}),
+       crlf("MIME-Version: 1.0|Content-Type: text/plain;|Content-Transfer-Encoding: quoted-printable||"
+            "caf=C3=A9 au =|lait"),
        {},
-       crlf({"MIME-Version: 1.0", "Content-Type: text/plain", "Content-Transfer-Encoding: quoted-printable",
-             "", "caf=C3=A9 au lait"})},
+       crlf("MIME-Version: 1.0|Content-Type: text/plain|Content-Transfer-Encoding: quoted-printable||"
+            "caf=C3=A9 au lait")},
       {"Base64 encoded anew",
-       crlf({"MIME-Version: 1.0", "Content-Type: image/gif", "Content-Transfer-Encoding: base64", "",
-             "R0lGOA=="}),
-       {{"0", binary}},
-       crlf({"MIME-Version: 1.0", "Content-Type: image/gif", "Content-Transfer-Encoding: base64", "",
-             std::string(76, '/'), std::string(57, '/') + "w=="})},
+       message("image/gif|Content-Transfer-Encoding: base64", "R0lGOA=="),
+       {{"0", std::string(100, '\xff')}},
+       message("image/gif|Content-Transfer-Encoding: base64",
+               std::string(76, '/') + "|" + std::string(57, '/') + "w==")},
       // The added body is the last sub-item; unfilled, it is not written.
       {"added body left empty",
-       crlf(mixed_head) + crlf({"--outer", "Content-Type: image/gif", "", "gif", "--outer--"}),
+       crlf(mixed + parts("outer", {gif})),
        {{"0", "Content-Type: image/png\r\n\r\npng"}},
-       crlf(mixed_head) + crlf({"--outer", "Content-Type: image/png", "", "png", "--outer--"}),
+       crlf(mixed + parts("outer", {"Content-Type: image/png||png"})),
        true},
       {"added body filled",
-       crlf(mixed_head) + crlf({"--outer", "Content-Type: image/gif", "", "gif", "--outer--"}),
+       crlf(mixed + parts("outer", {gif})),
        {{"1", "Content-Type: text/plain\r\n\r\nhello"}},
-       crlf(mixed_head) + crlf({"--outer", "Content-Type: text/plain", "", "hello", "--outer",
-                                "Content-Type: image/gif", "", "gif", "--outer--"}),
+       crlf(mixed + parts("outer", {"Content-Type: text/plain||hello", gif})),
        true},
       {"multipart without a boundary, repaired",
-       message_of("multipart/mixed;", {"--b", "", "text", "--b--"}),
+       message("multipart/mixed;", parts("b", {"|text"})),
        {},
-       message_of("multipart/mixed", {"--b", "", "text", "--b--"})},
+       message("multipart/mixed", parts("b", {"|text"}))},
       {"encrypted, repaired",
-       message_of("multipart/encrypted; boundary=e;",
-                  {"--e", "", "Version: 1", "--e", "", "CIPHER", "--e--", "epi"}),
+       message("multipart/encrypted; boundary=e;", parts("e", {"|Version: 1", "|CIPHER"}) + "|epi"),
        {},
-       message_of("multipart/encrypted; boundary=e",
-                  {"--e", "", "Version: 1", "--e", "", "CIPHER", "--e--", "epi"})},
+       message("multipart/encrypted; boundary=e", parts("e", {"|Version: 1", "|CIPHER"}) + "|epi")},
       {"bad Base64, repaired",
-       crlf({"MIME-Version: 1.0", "Content-Type: text/plain;", "Content-Transfer-Encoding: base64", "",
-             "R0l!"}),
+       message("text/plain;|Content-Transfer-Encoding: base64", "R0l!"),
        {},
-       crlf({"MIME-Version: 1.0", "Content-Type: text/plain", "Content-Transfer-Encoding: base64", "",
-             "R0l!"})},
+       message("text/plain|Content-Transfer-Encoding: base64", "R0l!")},
       {"transfer encoding that does not parse, repaired",
-       crlf({"MIME-Version: 1.0", "Content-Type: unknown", "Content-Transfer-Encoding: a b", "", "raw"}),
+       message("unknown|Content-Transfer-Encoding: a b", "raw"),
        {},
-       crlf({"MIME-Version: 1.0", "Content-Type: application/octet-stream", "Content-Transfer-Encoding: a b",
-             "", "raw"})},
+       message("application/octet-stream|Content-Transfer-Encoding: a b", "raw")},
       {"signed, repaired: the signature stays",
-       message_of("multipart/signed; boundary=s;", {"--s", "", "signed", "--s  ", "", "SIG", "--s--", "epi"}),
+       message("multipart/signed; boundary=s;", "--s||signed|--s  ||SIG|--s--|epi"),
        {},
-       message_of("multipart/signed; boundary=s", {"--s", "", "signed", "--s  ", "", "SIG", "--s--", "epi"})},
+       message("multipart/signed; boundary=s", "--s||signed|--s  ||SIG|--s--|epi")},
       {"delimiter right behind a delimiter",
-       crlf(mixed_head) + crlf({"--outer", "--outer", "", "two", "--outer--"}),
+       crlf(mixed + "--outer|--outer||two|--outer--"),
        {{"0", "\r\nTWO"}},
-       crlf(mixed_head) + crlf({"--outer", "", "--outer", "", "TWO", "--outer--"})},
+       crlf(mixed + parts("outer", {"", "|TWO"}))},
   };
-  const Plugin plain;
-  Host_options add_body;
-  add_body.add_body = true;
-  const Plugin with_body(add_body);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    const Plugin& plugin = c.add_body ? with_body : plain;
-    const std::string out = rebuilt(plugin, c.message, c.replacements);
+    const std::string out = rebuilt(plugin(c.add_body), c.message, c.replacements);
     EXPECT_EQ(out, c.want) << first_difference(out, c.want);
     if (c.replacements.empty()) {
       // At most the repair changed: the same tree comes back.
-      auto before = plugin.open(c.message);
-      auto after = plugin.open(out);
+      auto before = plugin(c.add_body).open(c.message);
+      auto after = plugin(c.add_body).open(out);
       EXPECT_EQ(summarise(*before), summarise(*after));
     }
   }

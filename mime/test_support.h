@@ -1,6 +1,6 @@
-// Helpers of the MIME handler's tests: message text with CR LF line ends,
-// smtp.so loaded once through the host library, and a flat summary of a
-// message tree that two trees can be compared by.
+// Helpers of the MIME handler's tests: message text built from short
+// strings, smtp.so loaded once through the host library, and flat views of
+// a message tree that two trees can be compared by.
 #ifndef SMTPFM_MIME_TEST_SUPPORT_H_
 #define SMTPFM_MIME_TEST_SUPPORT_H_
 
@@ -16,11 +16,27 @@
 
 namespace mime_test {
 
-// Lines joined with CR LF behind each.
-inline std::string crlf(const std::vector<std::string>& lines) {
+// Mail text written on one line: each "|", and the end, is a CR LF.
+inline std::string crlf(std::string_view text) {
+  std::string out;
+  for (char c : text) out += c == '|' ? std::string("\r\n") : std::string(1, c);
+  return out + "\r\n";
+}
+
+// A multipart body in the notation of crlf(): each part (its header lines,
+// an empty line, its body) behind a delimiter line, then the closing
+// delimiter with no line end, so that the body nests as a part in turn.
+inline std::string parts(std::string_view boundary, const std::vector<std::string>& parts) {
+  const std::string delimiter = "--" + std::string(boundary);
   std::string text;
-  for (const auto& line : lines) text += line + "\r\n";
-  return text;
+  for (const std::string& part : parts) text += delimiter + "|" + part + "|";
+  return text + delimiter + "--";
+}
+
+// A MIME message of the content type `type` (which further header lines
+// may follow) whose body is `body`, in the notation of crlf().
+inline std::string message(std::string_view type, std::string_view body) {
+  return crlf("MIME-Version: 1.0|Content-Type: " + std::string(type) + "||" + std::string(body));
 }
 
 // The property `name` of a node as UTF-8 (ASCII in these tests); empty if
@@ -47,7 +63,6 @@ class Plugin {
   std::unique_ptr<Message_tree> open(std::string bytes) const {
     return std::make_unique<Message_tree>(*manager_, std::move(bytes), options_);
   }
-  const Host_options& options() const { return options_; }
 
  private:
   Host_options options_;
@@ -55,47 +70,45 @@ class Plugin {
   Manager_ptr manager_;
 };
 
-// What a node is to the host, one line: its path, handler, item type,
-// content types, name, and for a leaf (other than the top) its content.
-struct Node_summary {
-  std::string path;
-  std::string handler;
-  std::string item_type;
-  std::string mime_type;
-  std::string enclosed_type;
-  std::string name;
-  bool leaf = false;
-  std::string bytes;
+// The plug-in with the default options, or with "AddBody" set; loaded once.
+inline const Plugin& plugin(bool add_body = false) {
+  static const Plugin plain;
+  static const Plugin with_body([] {
+    Host_options options;
+    options.add_body = true;
+    return options;
+  }());
+  return add_body ? with_body : plain;
+}
 
+// What a node is to the host, in one line (path, handler, item type,
+// content and enclosed types, name), and for a leaf other than the top its
+// content: the bytes behind the header of an entity that has no sub-items.
+struct Node_summary {
+  std::string line;
+  std::string bytes;
   bool operator==(const Node_summary&) const = default;
 };
 
 inline std::ostream& operator<<(std::ostream& out, const Node_summary& node) {
-  out << "[" << node.path << "] " << node.handler << " " << node.item_type << " " << node.mime_type << " ("
-      << node.enclosed_type << ") name=" << node.name;
-  if (node.leaf) out << " bytes=" << node.bytes.size();
-  return out;
+  return out << node.line << " bytes=" << node.bytes.size();
 }
 
 inline std::vector<Node_summary> summarise(Message_tree& tree) {
   std::vector<Node_summary> nodes;
   tree.for_each([&nodes](Item_node& node) {
     Node_summary summary;
-    summary.path = node.path;
-    summary.handler = node.handler_name;
-    summary.item_type = property(node, ZOR_ITEM_TYPE);
-    summary.mime_type = property(node, ZOR_MIME_TYPE) + "/" + property(node, ZOR_MIME_SUBTYPE);
-    summary.enclosed_type =
-        property(node, ZOR_ENCLOSED_MIME_TYPE) + "/" + property(node, ZOR_ENCLOSED_MIME_SUBTYPE);
-    summary.name = property(node, ZOR_ITEM_NAME);
-    summary.leaf = node.is_leaf();
-    // A leaf that no handler took is content; of an entity that has no
-    // sub-items, the body behind its header is.
-    if (summary.leaf && node.parent == nullptr) summary.leaf = false;
-    if (summary.leaf) summary.bytes = std::string(node.bytes());
-    if (summary.leaf && node.taken()) {
-      const size_t blank = summary.bytes.find("\r\n\r\n");
-      summary.bytes = blank == std::string::npos ? std::string() : summary.bytes.substr(blank + 4);
+    summary.line = "[" + node.path + "] " + node.handler_name + " " + property(node, ZOR_ITEM_TYPE) + " " +
+                   property(node, ZOR_MIME_TYPE) + "/" + property(node, ZOR_MIME_SUBTYPE) + " (" +
+                   property(node, ZOR_ENCLOSED_MIME_TYPE) + "/" + property(node, ZOR_ENCLOSED_MIME_SUBTYPE) +
+                   ") name=" + property(node, ZOR_ITEM_NAME);
+    if (node.is_leaf() && node.parent != nullptr) {
+      summary.line += " leaf";
+      summary.bytes = node.bytes();
+      if (node.taken()) {
+        const size_t blank = summary.bytes.find("\r\n\r\n");
+        summary.bytes = blank == std::string::npos ? std::string() : summary.bytes.substr(blank + 4);
+      }
     }
     nodes.push_back(std::move(summary));
   });
