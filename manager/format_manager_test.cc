@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -20,34 +19,34 @@ using smtp_test::make_buffer;
 using smtp_test::Object_ptr;
 using smtp_test::text_of;
 
-constexpr Tav_guid test_type = {0x1, 0x2, 0x3, {4, 5, 6, 7, 8, 9, 10, 11}};
-
 class Test_element : public Plg_element {
  public:
-  Test_element() : Plg_element(u"Test SMTP", u"", u"", test_type, 1, 1) {}
+  Test_element() : Plg_element(u"Test SMTP", u"", u"", {0x1, 0x2, 0x3, {4, 5, 6, 7, 8, 9, 10, 11}}, 1, 1) {}
   Plg_object* create() override { return nullptr; }
 };
 
-// What the last factory call was given.
-struct Factory_call {
-  std::string kind;
-  const Vek_wstring* name = nullptr;
-  const std::vector<std::string>* export_headers = nullptr;
-  bool is_message = false;
-  bool add_empty_body = false;
-};
-Factory_call last_call;
+// The manager under test, and what the last factory call was given: the
+// kind of handler, whether the name and the header list were the manager's
+// own, and the flags.
+const Smtp_format_manager* current = nullptr;
+std::string last_call;
+
+Fmg_handler_base* record_call(const char* kind, const Vek_wstring& name,
+                              const std::vector<std::string>& headers, bool is_message, bool add_empty_body) {
+  const bool own = &name == &current->name() && &headers == &current->export_headers();
+  last_call = std::string(kind) + (own ? " own" : " copied") + (is_message ? " message" : "") +
+              (add_empty_body ? " AddBody" : "");
+  return new Smtp_opaque_handler;
+}
 
 Fmg_handler_base* make_rfc1521(const Vek_wstring& name, const std::vector<std::string>& export_headers,
                                bool is_message, bool add_empty_body) {
-  last_call = {"rfc1521", &name, &export_headers, is_message, add_empty_body};
-  return new Smtp_opaque_handler;
+  return record_call("rfc1521", name, export_headers, is_message, add_empty_body);
 }
 
 Fmg_handler_base* make_rfc1505(const Vek_wstring& name, const std::vector<std::string>& export_headers,
                                bool is_message) {
-  last_call = {"rfc1505", &name, &export_headers, is_message, false};
-  return new Smtp_opaque_handler;
+  return record_call("rfc1505", name, export_headers, is_message, false);
 }
 
 // A handler whose set_data fails, and that counts its instances.
@@ -68,7 +67,13 @@ Fmg_handler_base* make_failing(const Vek_wstring&, const std::vector<std::string
   return new Failing_handler;
 }
 
-const std::string plain_header = crlf({"From: a@example.org", "To: b@example.org", "Subject: hello", ""});
+// A message with the fields `fields` behind a From and a To field.
+std::string mail(const std::vector<std::string>& fields, const std::string& body = "body\r\n") {
+  std::vector<std::string> lines = {"From: a@example.org", "To: b@example.org"};
+  lines.insert(lines.end(), fields.begin(), fields.end());
+  lines.push_back("");
+  return crlf(lines) + body;
+}
 
 class FormatManager : public ::testing::Test {
  protected:
@@ -76,6 +81,7 @@ class FormatManager : public ::testing::Test {
 
   void make_manager(const Smtp_handler_factories& factories) {
     manager_.reset(new Smtp_format_manager(&element_, factories));
+    current = manager_.get();
     manager_->set_name(u"smtp");
     Tav_property_list list;
     list.add(Tav_property(u"ExportHeader", Vek_wstring(u"Subject")));
@@ -84,18 +90,13 @@ class FormatManager : public ::testing::Test {
     manager_->set_properties(list, status);
   }
 
-  // Opens `text` on `item`; the handler is kept until the test ends.
+  // Opens `text` on `item` with a status left failed by an earlier call;
+  // the handler is kept until the test ends, and ends before the manager.
   Fmg_handler_base* open(const std::string& text, Fmg_host_item& item) {
     buffers_.push_back(make_buffer(text));
-    status_.clear();
-    Fmg_handler_base* handler = manager_->open(buffers_.back().get(), item, status_);
-    handlers_.emplace_back(handler);
-    return handler;
-  }
-
-  void TearDown() override {
-    handlers_.clear();
-    manager_.reset();
+    status_ = Vek_status(0x1234);
+    handlers_.emplace_back(manager_->open(buffers_.back().get(), item, status_));
+    return handlers_.back().get();
   }
 
   Test_element element_;
@@ -108,7 +109,12 @@ class FormatManager : public ::testing::Test {
 // Unknown fields count against a header although recognition keeps none of
 // their values; the inside of a MIME part needs no header at all. Which
 // field sets and which lines make a header is the reader's to judge.
-TEST_F(FormatManager, RecognitionTakesMailAndRefusesTheRest) {
+// Exported header fields come back as items marked UNICODE (any case):
+// refused untouched, the status included. The factories get the manager's
+// own name and list, which they hold by reference, and AddBody goes to the
+// MIME handler only.
+TEST_F(FormatManager, RecognitionAndTheChoiceOfHandler) {
+  make_manager({.rfc1521 = make_rfc1521, .rfc1505 = make_rfc1505});
   std::string made_up;
   for (int i = 0; i < 6; ++i) made_up += "Made-Up-" + std::to_string(i) + ": value\r\n";
   std::string binary;
@@ -116,87 +122,48 @@ TEST_F(FormatManager, RecognitionTakesMailAndRefusesTheRest) {
   const struct {
     const char* what;
     std::string text;
-    bool enclosed;
-    bool taken;
+    std::string kind;  // empty: not taken
+    bool enclosed = false;
+    const char16_t* charset = nullptr;
+    uint32_t status = 0;
   } cases[] = {
-      {"plain message", plain_header + "body\r\n", false, true},
-      {"eight fields, two known", made_up + crlf({"From: a@b", "Date: today", "", "body"}), false, false},
-      {"empty", "", false, false},
-      {"empty, enclosed", "", true, true},
-      {"enclosed without header", "\r\nbody\r\n", true, true},
-      {"enclosed with header", crlf({"Content-Type: text/plain", "", "x"}), true, true},
-      {"binary", binary, false, false},
-      {"C source", "#include <stdio.h>\n\nint main(void) {\n  return 0;\n}\n", false, false},
+      {"nothing", mail({}), "rfc822"},
+      {"MIME-Version", mail({"MIME-Version: 1.0"}), "rfc1521"},
+      {"bare Content-Type", mail({"Content-Type: text"}), "rfc822"},
+      {"media type", mail({"Content-Type: text/plain"}), "rfc1521"},
+      {"MIME-Version beats a bare type", mail({"Content-Type: text", "MIME-Version: 1.0"}), "rfc1521"},
+      {"last Content-Type counts", mail({"Content-Type: text/plain", "Content-Type: text"}), "rfc822"},
+      {"bare type beats Encoding", mail({"Encoding: 10 text", "Content-Type: text"}), "rfc822"},
+      {"media type beats Encoding", mail({"Encoding: 10 text", "Content-Type: text/plain"}), "rfc1521"},
+      {"Encoding", mail({"encoding: 10 text"}), "rfc1505"},
+      {"enclosed", mail({"Encoding: 10 text"}), "rfc1521", true},
+      {"enclosed with a part header", crlf({"Content-Type: text/plain", "", "x"}), "rfc1521", true},
+      {"enclosed without header", "\r\nbody\r\n", "rfc1521", true},
+      {"empty, enclosed", "", "rfc1521", true},
+      {"empty", "", ""},
+      {"eight fields, two known", made_up + crlf({"From: a@b", "Date: today", "", "body"}), ""},
+      {"binary", binary, ""},
+      {"C source", "#include <stdio.h>\n\nint main(void) {\n  return 0;\n}\n", ""},
+      {"marked UNICODE", mail({"Subject: hello"}), "", false, u"UniCode", 0x1234},
+      {"marked UTF-8", mail({"Subject: hello"}), "rfc822", false, u"UTF-8"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
+    last_call.clear();
     Fmg_host_item item;
     if (c.enclosed) item.set_property(ZOR_ENCLOSED_MIME_TYPE, u"text");
+    if (c.charset != nullptr) item.set_property(ZOR_ITEM_CHARSET, c.charset);
     Fmg_handler_base* handler = open(c.text, item);
-    EXPECT_TRUE(status_.ok());
-    EXPECT_EQ(handler != nullptr, c.taken);
-    EXPECT_EQ(item.has_log(32), c.taken);
-    EXPECT_EQ(item.string_property(ZOR_FORMAT_TYPE), c.taken ? u"Container" : u"");
-  }
-}
-
-// Exported header fields come back as items marked UNICODE (any case):
-// refused with the status and the item untouched.
-TEST_F(FormatManager, ItemsMarkedUnicodeAreRefusedUntouched) {
-  Fmg_host_item item;
-  item.set_property(ZOR_ITEM_CHARSET, u"UniCode");
-  auto buffer = make_buffer(plain_header + "body\r\n");
-  Vek_status status(0x1234);
-  EXPECT_EQ(manager_->open(buffer.get(), item, status), nullptr);
-  EXPECT_EQ(status.value(), 0x1234u);
-  EXPECT_TRUE(item.logs().empty());
-  Fmg_host_item other;
-  other.set_property(ZOR_ITEM_CHARSET, u"UTF-8");
-  EXPECT_NE(open(plain_header + "body\r\n", other), nullptr);
-}
-
-// The factories get the manager's own name and list, which they hold by
-// reference, and AddBody goes to the MIME handler only.
-TEST_F(FormatManager, HandlerChosenByTheFieldsOfTheHeader) {
-  make_manager({.rfc1521 = make_rfc1521, .rfc1505 = make_rfc1505});
-  const struct {
-    const char* what;
-    std::vector<std::string> fields;
-    bool enclosed;
-    std::string kind;
-  } cases[] = {
-      {"nothing", {}, false, "rfc822"},
-      {"MIME-Version", {"MIME-Version: 1.0"}, false, "rfc1521"},
-      {"bare Content-Type", {"Content-Type: text"}, false, "rfc822"},
-      {"media type", {"Content-Type: text/plain"}, false, "rfc1521"},
-      {"MIME-Version beats a bare type", {"Content-Type: text", "MIME-Version: 1.0"}, false, "rfc1521"},
-      {"last Content-Type counts", {"Content-Type: text/plain", "Content-Type: text"}, false, "rfc822"},
-      {"bare type beats Encoding", {"Encoding: 10 text", "Content-Type: text"}, false, "rfc822"},
-      {"media type beats Encoding", {"Encoding: 10 text", "Content-Type: text/plain"}, false, "rfc1521"},
-      {"Encoding", {"encoding: 10 text"}, false, "rfc1505"},
-      {"enclosed", {"Encoding: 10 text"}, true, "rfc1521"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    last_call = {};
-    Fmg_host_item item;
-    if (c.enclosed) item.set_property(ZOR_ENCLOSED_MIME_TYPE, u"text");
-    std::vector<std::string> lines = {"From: a@example.org", "To: b@example.org"};
-    lines.insert(lines.end(), c.fields.begin(), c.fields.end());
-    lines.push_back("");
-    Fmg_handler_base* handler = open(crlf(lines) + "body\r\n", item);
-    ASSERT_NE(handler, nullptr);
-    EXPECT_TRUE(status_.ok());
-    if (c.kind == "rfc822") {
-      EXPECT_NE(dynamic_cast<Smtp_rfc822_handler*>(handler), nullptr);
-      EXPECT_EQ(last_call.kind, "");
-      continue;
-    }
-    EXPECT_EQ(last_call.kind, c.kind);
-    EXPECT_EQ(last_call.name, &manager_->name());
-    EXPECT_EQ(last_call.export_headers, &manager_->export_headers());
-    EXPECT_TRUE(last_call.is_message);
-    EXPECT_EQ(last_call.add_empty_body, c.kind == "rfc1521");
+    EXPECT_EQ(status_.value(), c.status);
+    const bool taken = !c.kind.empty();
+    EXPECT_EQ(handler != nullptr, taken);
+    EXPECT_EQ(item.logs().size(), taken ? 1u : 0u);
+    EXPECT_EQ(item.has_log(32), taken);
+    EXPECT_EQ(item.string_property(ZOR_FORMAT_TYPE), taken ? u"Container" : u"");
+    EXPECT_EQ(dynamic_cast<Smtp_rfc822_handler*>(handler) != nullptr, c.kind == "rfc822");
+    EXPECT_EQ(last_call, c.kind == "rfc1521"   ? "rfc1521 own message AddBody"
+                         : c.kind == "rfc1505" ? "rfc1505 own message"
+                                               : "");
   }
 }
 
@@ -224,52 +191,52 @@ TEST_F(FormatManager, MessageWithoutAWorkingHandlerIsTakenWithoutSubItems) {
   }
 }
 
+// The first message of a tree gives the tree its subject (decoded, the last
+// field counting, reported with code 7) and its date (as written). Below
+// the top only an item flagged as a message (a true bool) that is no
+// enclosed part publishes, and never over what the tree has already.
 TEST_F(FormatManager, FirstMessageOfATreePublishesSubjectAndDate) {
-  Fmg_host_item top;
-  open(crlf({"From: a@b", "Subject: first", "Date: =?x?Q?as_is?=", "Subject: =?ISO-8859-1?Q?Caf=E9?=", ""}),
-       top);
-  EXPECT_EQ(top.string_property(ZOR_SUBJECT), u"Caf\u00E9");
-  EXPECT_EQ(top.string_property(ZOR_DATE), u"=?x?Q?as_is?=");
-  ASSERT_EQ(top.reports().size(), 1u);
-  EXPECT_TRUE(top.reports()[0].code == 7 && top.reports()[0].name == ZOR_SUBJECT &&
-              top.reports()[0].value == u"Caf\u00E9");
-
-  // A message inside it changes nothing.
-  Fmg_host_item inner(&top);
-  inner.add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
-  EXPECT_NE(open(crlf({"From: a@b", "Subject: inner", "Date: later", ""}), inner), nullptr);
-  EXPECT_EQ(top.string_property(ZOR_SUBJECT) + top.string_property(ZOR_DATE), u"Caf\u00E9=?x?Q?as_is?=");
-  EXPECT_TRUE(inner.reports().empty());
-}
-
-// Below the top, only an item flagged as a message (a true bool) that is no
-// enclosed part publishes.
-TEST_F(FormatManager, OnlyMessagesThatAreNotEnclosedPublish) {
+  const std::string message =
+      crlf({"From: a@b", "Subject: first", "Date: =?x?Q?as_is?=", "Subject: =?ISO-8859-1?Q?Caf=E9?=", ""});
   const struct {
     const char* what;
-    bool flag, flag_as_text, enclosed, publishes;
-  } cases[] = {{"no flag", false, false, false, false},
-               {"flag", true, false, false, true},
-               {"flag as text", false, true, false, false},
-               {"flag, enclosed", true, false, true, false}};
+    bool below, flag, flag_as_text, enclosed, published_before, publishes;
+  } cases[] = {{"top", false, false, false, false, false, true},
+               {"no flag", true, false, false, false, false, false},
+               {"flag", true, true, false, false, false, true},
+               {"flag as text", true, false, true, false, false, false},
+               {"flag, enclosed", true, true, false, true, false, false},
+               {"flag, the tree has both", true, true, false, false, true, false}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     Fmg_host_item top;
     Fmg_host_item part(&top);
-    if (c.flag) part.add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
-    if (c.flag_as_text) part.set_property(ZOR_MESSAGE_ITEM, u"true");
-    if (c.enclosed) part.set_property(ZOR_ENCLOSED_MIME_TYPE, u"message");
-    EXPECT_NE(open(plain_header + "x\r\n", part), nullptr);
-    EXPECT_EQ(top.properties().find(ZOR_SUBJECT) != nullptr, c.publishes);
-    EXPECT_EQ(part.reports().size(), c.publishes ? 1u : 0u);
+    Fmg_host_item& item = c.below ? part : top;
+    if (c.flag) item.add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
+    if (c.flag_as_text) item.set_property(ZOR_MESSAGE_ITEM, u"true");
+    if (c.enclosed) item.set_property(ZOR_ENCLOSED_MIME_TYPE, u"message");
+    if (c.published_before) {
+      top.set_property(ZOR_SUBJECT, u"old");
+      top.set_property(ZOR_DATE, u"earlier");
+    }
+    EXPECT_NE(open(message, item), nullptr);
+    EXPECT_EQ(top.string_property(ZOR_SUBJECT) + u"|" + top.string_property(ZOR_DATE),
+              c.publishes          ? u"Caf\u00E9|=?x?Q?as_is?="
+              : c.published_before ? u"old|earlier"
+                                   : u"|");
+    ASSERT_EQ(item.reports().size(), c.publishes ? 1u : 0u);
+    if (c.publishes) {
+      EXPECT_TRUE(item.reports()[0].code == 7 && item.reports()[0].name == ZOR_SUBJECT &&
+                  item.reports()[0].value == u"Caf\u00E9");
+    }
   }
 }
 
 TEST_F(FormatManager, HandlersEndInEitherOrderBeforeTheManager) {
   for (bool in_order : {true, false}) {
     Fmg_host_item one, two;
-    auto a = make_buffer(plain_header + "a\r\n");
-    auto b = make_buffer(plain_header + "begin 644 x\r\nM\r\nend\r\n");
+    auto a = make_buffer(mail({"Subject: hello"}, "a\r\n"));
+    auto b = make_buffer(mail({"Subject: hello"}, "begin 644 x\r\nM\r\nend\r\n"));
     Vek_status status;
     Fmg_handler_ptr first(manager_->open(a.get(), one, status));
     Fmg_handler_ptr second(manager_->open(b.get(), two, status));
