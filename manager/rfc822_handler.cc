@@ -106,9 +106,13 @@ Vek_buffer* Smtp_rfc822_handler::rebuild(Fmg_item& item, Vek_status& status) {
   if (!status.ok()) return result.release();
   for (const auto& record : table_.items) {
     if (record->type == smtp_item_header) continue;
-    // A failed record does not stop the others; the status tells the caller.
-    Vek_buffered_istream part(record->buffer.get(), true, status, vek_eol_crlf);
-    if (status.ok()) copy_bytes(part, out, record->length, status);
+    // A failed record does not stop the others, and its failure stays in
+    // the status for the caller: opening the next record's stream would
+    // clear it, and the host would take a message with a hole for whole.
+    Vek_status step;
+    Vek_buffered_istream part(record->buffer.get(), true, step, vek_eol_crlf);
+    if (step.ok()) copy_bytes(part, out, record->length, step);
+    if (!step.ok() && status.ok()) status = step.value();
   }
   return result.release();
 }

@@ -144,4 +144,16 @@ TEST_F(Rfc822Handler, Rebuild) {
   }
 }
 
+// A record that cannot be read (here the body, given no buffer) must leave
+// the rebuild failed, even when records behind it are written fine: a
+// message with a hole in it must not pass for the rebuilt one.
+TEST_F(Rfc822Handler, FailedRecordStaysInTheStatus) {
+  open(header + intro + block);
+  handler_->set_item(3, nullptr, top_, status_);
+  handler_->set_item(2, make_buffer("rest\r\n").release(), top_, status_);
+  std::unique_ptr<Vek_buffer> rebuilt(handler_->rebuild(top_, status_));
+  ASSERT_NE(rebuilt, nullptr);
+  EXPECT_FALSE(status_.ok());
+}
+
 }  // namespace
