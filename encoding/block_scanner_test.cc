@@ -33,55 +33,48 @@ Scan_result scan_text(const std::string& text) {
   return result;
 }
 
-struct Frame_case {
-  const char* label;
-  std::vector<std::string> lines;
-  bool found;
-  size_t encoded;
-};
-
-class BlockScannerFrames : public ::testing::TestWithParam<Frame_case> {};
-
-TEST_P(BlockScannerFrames, FoundAndEncodedRecords) {
-  Scan_result r = scan_text(crlf(GetParam().lines));
-  EXPECT_EQ(r.found, GetParam().found);
-  EXPECT_EQ(r.encoded, GetParam().encoded);
+TEST(BlockScanner, FoundAndEncodedRecords) {
+  const std::string x85(85, 'x'), x86(86, 'x');
+  const struct {
+    const char* name;
+    std::vector<std::string> lines;
+    bool found;
+    size_t encoded;
+  } cases[] = {
+      {"never closes", {"begin 644 a", "M86)C", "more"}, false, 0},
+      {"frame lines only", {"begin 644 a", "", "end"}, true, 1},
+      {"sum closes but is not found", {"begin 644 a", "sum -r/size 12/34"}, false, 1},
+      {"sum then end", {"begin 644 a", "sum 1", "end"}, true, 2},
+      {"end then sum", {"begin 644 a", "end", "sum 1"}, true, 1},
+      {"repeated section", {"begin 644 a", "M", "section 1 of 2"}, false, 1},
+      {"new section closes nothing", {"begin 644 a", "section 2 of 2", "end"}, true, 1},
+      {"four digit mode", {"begin 6444 a", "end"}, false, 0},
+      {"two digit mode", {"begin 64 a", "end"}, false, 0},
+      {"digits glued to keyword", {"begin644", "end"}, true, 1},
+      {"end before any block", {"end", "begin 644 a"}, false, 0},
+      {"quoted frame, quoted end", {"> begin 644 a", "> end"}, true, 1},
+      {"quoted frame, bare end", {"> begin 644 a", "end"}, false, 0},
+      {"word holding end", {"begin 644 a", "the legend"}, true, 1},
+      {"begin at 85", {x85 + "begin 644 a", x85 + "end"}, true, 1},
+      {"begin at 86", {x86 + "begin 644 a", x86 + "end"}, false, 0},
+      // Keywords across the 32-byte steps of the quick search for them.
+      {"begin across 32", {std::string(30, 'x') + "begin 644 a", std::string(31, 'x') + "end"}, true, 1},
+      {"sum across 64", {"begin 644 a", std::string(62, 'x') + "sum 1"}, false, 1},
+      {"end at 87", {"begin 644 a", std::string(87, 'x') + "end"}, true, 1},
+      {"end at 88", {"begin 644 a", std::string(88, 'x') + "end"}, false, 0},
+      {"section at 83", {"begin 644 a", std::string(83, 'x') + "section 1"}, false, 1},
+      {"section at 84", {"begin 644 a", std::string(84, 'x') + "section 1"}, false, 0},
+      {"first occurrence only", {"begin 64 begin 644 a", "end"}, false, 0},
+      {"table swallows begin", {"see the table", "begin 644 a", std::string(70, 'q'), "end"}, false, 0},
+      {"section run over 99", {"begin 644 a", "section " + std::string(100, '1')}, false, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Scan_result r = scan_text(crlf(c.lines));
+    EXPECT_EQ(r.found, c.found);
+    EXPECT_EQ(r.encoded, c.encoded);
+  }
 }
-
-const std::string x85(85, 'x');
-const std::string x86(86, 'x');
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, BlockScannerFrames,
-    ::testing::Values(
-        Frame_case{"never_closes", {"begin 644 a", "M86)C", "more"}, false, 0},
-        Frame_case{"frame_lines_only", {"begin 644 a", "", "end"}, true, 1},
-        Frame_case{"sum_closes_but_is_not_found", {"begin 644 a", "sum -r/size 12/34"}, false, 1},
-        Frame_case{"sum_then_end", {"begin 644 a", "sum 1", "end"}, true, 2},
-        Frame_case{"end_then_sum", {"begin 644 a", "end", "sum 1"}, true, 1},
-        Frame_case{"repeated_section", {"begin 644 a", "M", "section 1 of 2"}, false, 1},
-        Frame_case{"new_section_closes_nothing", {"begin 644 a", "section 2 of 2", "end"}, true, 1},
-        Frame_case{"four_digit_mode", {"begin 6444 a", "end"}, false, 0},
-        Frame_case{"two_digit_mode", {"begin 64 a", "end"}, false, 0},
-        Frame_case{"digits_glued_to_keyword", {"begin644", "end"}, true, 1},
-        Frame_case{"end_before_any_block", {"end", "begin 644 a"}, false, 0},
-        Frame_case{"quoted_frame_quoted_end", {"> begin 644 a", "> end"}, true, 1},
-        Frame_case{"quoted_frame_bare_end", {"> begin 644 a", "end"}, false, 0},
-        Frame_case{"word_holding_end", {"begin 644 a", "the legend"}, true, 1},
-        Frame_case{"begin_at_85", {x85 + "begin 644 a", x85 + "end"}, true, 1},
-        Frame_case{"begin_at_86", {x86 + "begin 644 a", x86 + "end"}, false, 0},
-        // Keywords across the 32-byte steps of the quick search for them.
-        Frame_case{"begin_across_32", {std::string(30, 'x') + "begin 644 a", std::string(31, 'x') + "end"}, true, 1},
-        Frame_case{"sum_across_64", {"begin 644 a", std::string(62, 'x') + "sum 1"}, false, 1},
-        Frame_case{"end_at_87", {"begin 644 a", std::string(87, 'x') + "end"}, true, 1},
-        Frame_case{"end_at_88", {"begin 644 a", std::string(88, 'x') + "end"}, false, 0},
-        Frame_case{"section_at_83", {"begin 644 a", std::string(83, 'x') + "section 1"}, false, 1},
-        Frame_case{"section_at_84", {"begin 644 a", std::string(84, 'x') + "section 1"}, false, 0},
-        Frame_case{"first_occurrence_only", {"begin 64 begin 644 a", "end"}, false, 0},
-        Frame_case{
-            "table_swallows_begin", {"see the table", "begin 644 a", std::string(70, 'q'), "end"}, false, 0},
-        Frame_case{"section_run_over_99", {"begin 644 a", "section " + std::string(100, '1')}, false, 0}),
-    [](const ::testing::TestParamInfo<Frame_case>& info) { return std::string(info.param.label); });
 
 TEST(BlockScanner, PositionsOfTextBlockAndText) {
   std::string body = crlf({"Here it is:", "begin 644 a.txt", "M86)C", "end", "bye"});
