@@ -30,29 +30,50 @@ class Module : public ::testing::Test {
     ASSERT_NE(module_, nullptr) << error;
     get_factory_ = module_->function<Get_factory>("plg_get_factory");
     can_unload_ = module_->function<Can_unload>("plg_can_unload_now");
-    ASSERT_NE(get_factory_, nullptr);
-    ASSERT_NE(can_unload_, nullptr);
+    register_ = module_->function<Register>("plg_register_elements");
+    deregister_ = module_->function<Register>("plg_deregister_elements");
+    ASSERT_TRUE(get_factory_ && can_unload_ && register_ && deregister_);
+    // A registry folder per test and process: ctest runs tests side by side.
+    root_ = std::filesystem::temp_directory_path() /
+            ("smtpfm-shell-registry-" + std::to_string(getpid()) + "-" +
+             ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::remove_all(root_);
+    vek_set_registry_root(root_.string());
   }
+  void TearDown() override {
+    vek_registry_fail_writes_of(u"");
+    std::filesystem::remove_all(root_);
+  }
+  // The values of the element's key as "name=value" lines, in order.
+  std::vector<std::string> values() {
+    auto key = vek_read_reg_key(HKEY_LOCAL_MACHINE, std::u16string(key_path));
+    std::vector<std::string> lines;
+    for (const auto& v : key.value_or(std::vector<Vek_reg_value>{}))
+      lines.push_back(vek_utf16_to_utf8(v.name) + "=" +
+                      (v.is_string ? vek_utf16_to_utf8(v.text) : std::to_string(v.number)));
+    return lines;
+  }
+  static constexpr char16_t key_path[] =
+      u"Software\\Tarnwell Systems\\Plugins\\Larkspire SMTP Message\\{D00BCC02-7BB8-11D1-A93B-00A0C9430865}";
   std::unique_ptr<Plg_module> module_;
   Get_factory get_factory_ = nullptr;
   Can_unload can_unload_ = nullptr;
+  Register register_ = nullptr;
+  Register deregister_ = nullptr;
+  std::filesystem::path root_;
 };
 
-TEST_F(Module, ExportsOnlyItsInterface) {
+TEST_F(Module, ExportsOnlyItsInterfaceAndFindsTheElementByNameAndType) {
   for (auto name : {"DllMain", "plg_get_factory", "plg_can_unload_now", "plg_register_elements",
                     "plg_deregister_elements"})
     EXPECT_NE(module_->symbol(name), nullptr) << name;
   EXPECT_EQ(module_->symbol("plg_find_factory"), nullptr);  // internals stay hidden
   EXPECT_EQ(module_->symbol("plg_object_count"), nullptr);
-}
-
-TEST_F(Module, FindsTheElementByNameAndType) {
   // Names match in any case; the element's strings and versions are
   // checked where registration writes them.
   Plg_element* element = get_factory_(u"larkspire smtp message", &smtp_type);
   ASSERT_NE(element, nullptr);
   EXPECT_EQ(element->name(), u"Larkspire SMTP Message");
-
   Tav_guid other = smtp_type;
   other.data1 ^= 1;
   EXPECT_EQ(get_factory_(u"Larkspire SMTP Message", &other), nullptr);
@@ -93,41 +114,7 @@ TEST_F(Module, CountsManagersAndConfiguresThem) {
   EXPECT_EQ(can_unload_(), 1);
 }
 
-class Registration : public Module {
- protected:
-  void SetUp() override {
-    Module::SetUp();
-    // One folder per test and process: ctest runs tests side by side.
-    root_ = std::filesystem::temp_directory_path() /
-            ("smtpfm-shell-registry-" + std::to_string(getpid()) + "-" +
-             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::remove_all(root_);
-    vek_set_registry_root(root_.string());
-    register_ = module_->function<Register>("plg_register_elements");
-    deregister_ = module_->function<Register>("plg_deregister_elements");
-  }
-  void TearDown() override {
-    vek_registry_fail_writes_of(u"");
-    std::filesystem::remove_all(root_);
-  }
-  // The values of the element's key as "name=value" lines, in order.
-  std::vector<std::string> values() {
-    auto key = vek_read_reg_key(HKEY_LOCAL_MACHINE, std::u16string(key_path));
-    std::vector<std::string> lines;
-    if (!key) return lines;
-    for (const auto& v : *key)
-      lines.push_back(vek_utf16_to_utf8(v.name) + "=" +
-                      (v.is_string ? vek_utf16_to_utf8(v.text) : std::to_string(v.number)));
-    return lines;
-  }
-  static constexpr char16_t key_path[] =
-      u"Software\\Tarnwell Systems\\Plugins\\Larkspire SMTP Message\\{D00BCC02-7BB8-11D1-A93B-00A0C9430865}";
-  std::filesystem::path root_;
-  Register register_ = nullptr;
-  Register deregister_ = nullptr;
-};
-
-TEST_F(Registration, WritesTheKeyAndTakesItAway) {
+TEST_F(Module, WritesTheKeyAndTakesItAway) {
   ASSERT_TRUE(register_());
   std::string image = std::filesystem::canonical(SMTPFM_MODULE_PATH).string();
   const std::vector<std::string> want = {
@@ -153,7 +140,7 @@ TEST_F(Registration, WritesTheKeyAndTakesItAway) {
   EXPECT_TRUE(std::filesystem::exists(name_key.parent_path()));  // the path itself stays
 }
 
-TEST_F(Registration, FailedImagePathSkipsTheRestButWritesTheOrder) {
+TEST_F(Module, FailedImagePathSkipsTheRestButWritesTheOrder) {
   vek_registry_fail_writes_of(u"ImagePath");
   EXPECT_FALSE(register_());
   EXPECT_EQ(values(), std::vector<std::string>{"Order=smtp"});
