@@ -10,8 +10,8 @@
 # seeds alone each time (what `make test` does). The seeds are fuzz/seeds/,
 # samples/ and, when it is there, the shared corpus beside the repository;
 # they are only read. Inputs that break something go to BUILD/fuzz-findings,
-# logs to BUILD/fuzz-logs (TARGET-MODE.log). FUZZ_JOBS (1 or 2) targets run at once. The exit
-# status is non-zero when any target found something.
+# logs to BUILD/fuzz-logs/TARGET-MODE.log. FUZZ_JOBS (1 or 2) targets run
+# at once. The exit status is non-zero when any target found something.
 set -u
 build=$1
 seconds=$2
