@@ -16,28 +16,33 @@ FUZZ_TEST_SECONDS ?= 30
 FUZZ_JOBS ?= 1
 FUZZ_TARGETS ?= host_walk header encoded_words codecs block_scanner
 
-.PHONY: all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode bench-hostile bench-mbox clean
+.PHONY: deps all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode bench-hostile bench-mbox clean
 
 all: build
 
-$(BUILD)/CMakeCache.txt:
+# What a fresh Debian machine lacks, installed before anything configures
+# (the one list lives in tools/deps.sh; CI runs the same step).
+deps:
+	@sh tools/deps.sh
+
+$(BUILD)/Makefile: | deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
 
-$(ASAN_BUILD)/CMakeCache.txt:
+$(ASAN_BUILD)/Makefile: | deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DSMTPFM_SANITIZE=ON -DSMTPFM_BENCH=OFF
 
 # The fuzz targets need clang and its fuzzer runtime (clang-14,
 # libclang-rt-14-dev).
-$(FUZZ_BUILD)/CMakeCache.txt:
+$(FUZZ_BUILD)/Makefile: | deps
 	CC=clang-14 CXX=clang++-14 cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSMTPFM_FUZZ=ON -DSMTPFM_BENCH=OFF
 
-build: $(BUILD)/CMakeCache.txt
+build: deps $(BUILD)/Makefile
 	cmake --build $(BUILD) -j$(JOBS)
 
-build-asan: $(ASAN_BUILD)/CMakeCache.txt
+build-asan: deps $(ASAN_BUILD)/Makefile
 	cmake --build $(ASAN_BUILD) -j$(JOBS)
 
-build-fuzz: $(FUZZ_BUILD)/CMakeCache.txt
+build-fuzz: deps $(FUZZ_BUILD)/Makefile
 	cmake --build $(FUZZ_BUILD) -j$(JOBS) --target fuzz_targets
 
 demo: build
