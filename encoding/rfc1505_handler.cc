@@ -18,14 +18,16 @@ constexpr const char* handler_name = "Smtp_rfc1505_handler";
 }  // namespace
 
 Smtp_rfc1505_handler::Smtp_rfc1505_handler(const Vek_wstring& name,
-                                           const std::vector<std::string>& export_headers, bool is_message)
-    : name_(name), export_headers_(export_headers), is_message_(is_message) {}
+                                           const std::vector<std::string>& export_headers, bool is_message,
+                                           const Smtp_profile& profile)
+    : name_(name), export_headers_(export_headers), is_message_(is_message), profile_(profile) {}
 
 Smtp_rfc1505_handler::~Smtp_rfc1505_handler() { table_.clear_items(); }
 
 Fmg_handler_base* make_rfc1505_handler(const Vek_wstring& name,
-                                       const std::vector<std::string>& export_headers, bool is_message) {
-  return new Smtp_rfc1505_handler(name, export_headers, is_message);
+                                       const std::vector<std::string>& export_headers, bool is_message,
+                                       const Smtp_profile& profile) {
+  return new Smtp_rfc1505_handler(name, export_headers, is_message, profile);
 }
 
 void Smtp_rfc1505_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_status& status) {

@@ -25,13 +25,15 @@
 #include "manager/handler_base.h"
 #include "manager/item_table.h"
 #include "reader/field_parsers.h"
+#include "reader/profile.h"
 
 class Smtp_rfc1505_handler : public Fmg_handler_base {
  public:
   // `name` (used in log entries) and `export_headers` must outlive the
-  // handler; `is_message` says whether the item is a message of its own.
+  // handler; `is_message` says whether the item is a message of its own;
+  // `profile` is a static constant.
   Smtp_rfc1505_handler(const Vek_wstring& name, const std::vector<std::string>& export_headers,
-                       bool is_message);
+                       bool is_message, const Smtp_profile& profile = smtp_reference_profile);
 
   // Reads the header, exports the listed fields and cuts the body by the
   // "Encoding" field; starts from an empty table every time. A field that
@@ -81,6 +83,7 @@ class Smtp_rfc1505_handler : public Fmg_handler_base {
   const Vek_wstring& name_;
   const std::vector<std::string>& export_headers_;
   bool is_message_;
+  [[maybe_unused]] const Smtp_profile& profile_;
   // clean_encoding_field dropped bytes from the field's value.
   bool field_repaired_ = false;
   // Position in `data` where the header block ended, in front of its blank
@@ -96,6 +99,7 @@ class Smtp_rfc1505_handler : public Fmg_handler_base {
 // The factory that the module hands to the format manager: a new handler,
 // owned by the caller, who ends it with release().
 Fmg_handler_base* make_rfc1505_handler(const Vek_wstring& name,
-                                       const std::vector<std::string>& export_headers, bool is_message);
+                                       const std::vector<std::string>& export_headers, bool is_message,
+                                       const Smtp_profile& profile);
 
 #endif  // SMTPFM_ENCODING_RFC1505_HANDLER_H_

@@ -97,6 +97,7 @@ Fmg_manager_base* Plugin_library::create_manager(const Host_options& options, st
   Tav_property_list properties;
   for (const auto& name : options.export_headers) properties.add(u"ExportHeader", vek_utf8_to_utf16(name));
   properties.add(Tav_property(u"AddBody", options.add_body));
+  properties.add(Tav_property(u"Hardened", options.hardened));
   if (!options.policy.empty()) properties.add(ZOR_POLICY_LIST, vek_utf8_to_utf16(options.policy));
   Vek_status status;
   manager->set_properties(properties, status);

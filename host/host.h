@@ -27,6 +27,7 @@ struct Host_options {
   std::vector<std::string> export_headers;
   bool add_body = false;
   std::string policy;
+  bool hardened = false;        // the manager's "Hardened": every reading a mail client takes
   bool keep_line_ends = false;  // false: bare LF line ends become CR LF
   uint32_t max_depth = 64;      // items deeper than this are listed, not opened
 };
@@ -100,6 +101,7 @@ class Message_tree {
 
   Item_node& root() { return *root_; }
   std::string_view input() const { return input_; }
+  const Host_options& options() const { return options_; }
   // The node of a path such as "1.0", or null.
   Item_node* find(const std::string& path);
   // Every node in walk order (parents before children).

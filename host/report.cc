@@ -93,12 +93,14 @@ Json tree_json(Message_tree& tree, const std::string& file) {
   Json document;
   document["file"] = file;
   document["size"] = tree.input().size();
+  document["profile"] = profile_name(tree.options());
   document["item"] = node_json(tree.root());
   return document;
 }
 
 std::string tree_text(Message_tree& tree, const std::string& file) {
-  std::string out = file + " (" + std::to_string(tree.input().size()) + " bytes)\n";
+  std::string out = file + " (" + std::to_string(tree.input().size()) + " bytes, " +
+                    profile_name(tree.options()) + " profile)\n";
   tree.for_each([&](Item_node& node) {
     std::string line(2 * (node.depth + 1), ' ');
     line += "[" + node.path + "] " + std::to_string(node.bytes().size()) + " bytes";

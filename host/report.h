@@ -1,6 +1,6 @@
 // What smtpfm prints of a message tree: the indented text tree and the JSON
 // document of `tree --json`, whose shape other tools rely on:
-//   {"file": PATH, "size": BYTES, "item": NODE}
+//   {"file": PATH, "size": BYTES, "profile": "hardened"|"reference", "item": NODE}
 //   NODE = {"path", "length", "properties": [[name, value]...],
 //           "reports": [[name, value]...], "log": [[code, "0x%08x"]...],
 //           "taken", "handler", "open_status", "modified", "items": [NODE...],
@@ -15,6 +15,10 @@
 
 using Json = nlohmann::ordered_json;
 
+// "hardened" or "reference": the reading the manager was configured for.
+inline const char* profile_name(const Host_options& options) {
+  return options.hardened ? "hardened" : "reference";
+}
 // The JSON document of one message; `modified` asks each handler.
 Json tree_json(Message_tree& tree, const std::string& file);
 // The indented text tree of one message.

@@ -250,7 +250,7 @@ int run_scan(const Host_options& options, const std::vector<std::string>& paths,
   }
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
-  std::cout << "messages: " << totals.messages << "\ntaken: " << totals.taken << "\nrefused: " << totals.refused
+  std::cout << "profile: " << profile_name(options) << "\nmessages: " << totals.messages << "\ntaken: " << totals.taken << "\nrefused: " << totals.refused
             << "\n";
   for (const auto& [name, count] : totals.handlers) std::cout << "  " << name << ": " << count << "\n";
   std::cout << "attachments: " << totals.attachments << "\nlog code 33: " << totals.code33

@@ -83,6 +83,9 @@ void add_host_options(CLI::App* command, Host_options& options) {
       ->take_all();
   command->add_flag("--add-body", options.add_body, "Add an empty text body to a message that has none");
   command->add_option("--policy", options.policy, "The manager's policy list");
+  command->add_flag("--strict{false},--hardened{true}", options.hardened,
+                    "--strict: the reference reading, which mail shaped to hide content can slip past; "
+                    "--hardened (default): every reading a mail client takes");
   command->add_flag("--keep-line-ends", options.keep_line_ends, "Do not turn bare LF line ends into CR LF");
   command->add_option("--max-depth", options.max_depth, "Open items down to this depth (default 64)");
 }
@@ -205,6 +208,7 @@ int main(int argc, char** argv) {
   CLI::App app{"smtpfm: see, extract, replace and rewrite what the SMTP format manager finds in mail"};
   app.require_subcommand(1);
   Host_options options;
+  options.hardened = true;  // --strict asks for the reference reading
 
   auto* tree = app.add_subcommand("tree", "Print the item tree of each message");
   std::vector<std::string> tree_files;

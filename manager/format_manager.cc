@@ -27,6 +27,7 @@ void Smtp_format_manager::begin_properties(Vek_status& status) {
   status.clear();
   export_headers_.clear();
   add_empty_body_ = false;
+  profile_ = &smtp_reference_profile;
 }
 
 void Smtp_format_manager::set_property(const Tav_property& property, Vek_status& status) {
@@ -39,6 +40,8 @@ void Smtp_format_manager::set_property(const Tav_property& property, Vek_status&
     export_headers_.insert(at, std::move(name));
   } else if (vek_string_equal_nc(property.name(), u"AddBody")) {
     add_empty_body_ = property.bool_value();
+  } else if (vek_string_equal_nc(property.name(), u"Hardened")) {
+    profile_ = property.bool_value() ? &smtp_hardened_profile : &smtp_reference_profile;
   } else {
     Fmg_manager_base::set_property(property, status);
   }
@@ -119,14 +122,14 @@ Fmg_handler_base* Smtp_format_manager::open(Vek_buffer* buffer, Fmg_item& item, 
   switch (kind) {
     case Smtp_handler_kind::rfc1521:
       if (factories_.rfc1521 != nullptr)
-        handler.reset(factories_.rfc1521(name(), export_headers_, is_message, add_empty_body_));
+        handler.reset(factories_.rfc1521(name(), export_headers_, is_message, add_empty_body_, *profile_));
       break;
     case Smtp_handler_kind::rfc1505:
       if (factories_.rfc1505 != nullptr)
-        handler.reset(factories_.rfc1505(name(), export_headers_, is_message));
+        handler.reset(factories_.rfc1505(name(), export_headers_, is_message, *profile_));
       break;
     case Smtp_handler_kind::rfc822:
-      handler.reset(new Smtp_rfc822_handler(export_headers_, is_message));
+      handler.reset(new Smtp_rfc822_handler(export_headers_, is_message, *profile_));
       break;
   }
   if (handler == nullptr) handler.reset(new Smtp_opaque_handler);

@@ -1,7 +1,7 @@
 // Smtp_format_manager: the format manager for internet mail.
 //
-// Configured by the host with "ExportHeader" (repeatable), "AddBody" and
-// the policy list; asked to open items, it recognises a mail message from
+// Configured by the host with "ExportHeader" (repeatable), "AddBody",
+// "Hardened" (reader/profile.h) and the policy list; asked to open items, it recognises a mail message from
 // its header and returns the handler that fits it. It keeps nothing of an
 // item. Its handlers hold references to its name and to export_headers, so
 // it must be released after every handler it opened.
@@ -18,17 +18,18 @@
 
 #include "manager/handler_base.h"
 #include "manager/manager_base.h"
+#include "reader/profile.h"
 
 // Makers of the handlers that the manager cannot name itself. Each returns
-// a new handler owned by the caller; `name` and `export_headers` are the
-// manager's and outlive the handler.
+// a new handler owned by the caller; `name`, `export_headers` and `profile`
+// outlive the handler.
 struct Smtp_handler_factories {
   // A MIME entity (RFC 1521).
   Fmg_handler_base* (*rfc1521)(const Vek_wstring& name, const std::vector<std::string>& export_headers,
-                               bool is_message, bool add_empty_body) = nullptr;
+                               bool is_message, bool add_empty_body, const Smtp_profile& profile) = nullptr;
   // A message with an "Encoding" field (RFC 1505).
   Fmg_handler_base* (*rfc1505)(const Vek_wstring& name, const std::vector<std::string>& export_headers,
-                               bool is_message) = nullptr;
+                               bool is_message, const Smtp_profile& profile) = nullptr;
 };
 
 class Smtp_format_manager : public Fmg_manager_base {
@@ -43,13 +44,15 @@ class Smtp_format_manager : public Fmg_manager_base {
   // item is not taken: a good status means it is no message, a failed one
   // that it could not be read. `buffer` must outlive the handler.
   Fmg_handler_base* open(Vek_buffer* buffer, Fmg_item& item, Vek_status& status) override;
-  // Forgets the header names and AddBody; the policy stays.
+  // Forgets the header names, AddBody and Hardened; the policy stays.
   void begin_properties(Vek_status& status) override;
   void set_property(const Tav_property& property, Vek_status& status) override;
 
   // Upper-case header names, in ascending byte order, duplicates allowed.
   const std::vector<std::string>& export_headers() const { return export_headers_; }
   bool add_empty_body() const { return add_empty_body_; }
+  // The reference profile, or the hardened one after "Hardened" = true.
+  const Smtp_profile& profile() const { return *profile_; }
 
  protected:
   ~Smtp_format_manager() override = default;
@@ -58,6 +61,7 @@ class Smtp_format_manager : public Fmg_manager_base {
   Smtp_handler_factories factories_;
   std::vector<std::string> export_headers_;
   bool add_empty_body_ = false;
+  const Smtp_profile* profile_ = &smtp_reference_profile;
 };
 
 #endif  // SMTPFM_MANAGER_FORMAT_MANAGER_H_

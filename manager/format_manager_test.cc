@@ -32,21 +32,22 @@ const Smtp_format_manager* current = nullptr;
 std::string last_call;
 
 Fmg_handler_base* record_call(const char* kind, const Vek_wstring& name,
-                              const std::vector<std::string>& headers, bool is_message, bool add_empty_body) {
+                              const std::vector<std::string>& headers, bool is_message, bool add_empty_body,
+                              const Smtp_profile& profile) {
   const bool own = &name == &current->name() && &headers == &current->export_headers();
   last_call = std::string(kind) + (own ? " own" : " copied") + (is_message ? " message" : "") +
-              (add_empty_body ? " AddBody" : "");
+              (add_empty_body ? " AddBody" : "") + (profile.hardened ? " Hardened" : "");
   return new Smtp_opaque_handler;
 }
 
 Fmg_handler_base* make_rfc1521(const Vek_wstring& name, const std::vector<std::string>& export_headers,
-                               bool is_message, bool add_empty_body) {
-  return record_call("rfc1521", name, export_headers, is_message, add_empty_body);
+                               bool is_message, bool add_empty_body, const Smtp_profile& profile) {
+  return record_call("rfc1521", name, export_headers, is_message, add_empty_body, profile);
 }
 
 Fmg_handler_base* make_rfc1505(const Vek_wstring& name, const std::vector<std::string>& export_headers,
-                               bool is_message) {
-  return record_call("rfc1505", name, export_headers, is_message, false);
+                               bool is_message, const Smtp_profile& profile) {
+  return record_call("rfc1505", name, export_headers, is_message, false, profile);
 }
 
 // A handler whose set_data fails, and that counts its instances.
@@ -63,7 +64,8 @@ class Failing_handler : public Fmg_handler_base {
   ~Failing_handler() override { --alive; }
 };
 
-Fmg_handler_base* make_failing(const Vek_wstring&, const std::vector<std::string>&, bool, bool) {
+Fmg_handler_base* make_failing(const Vek_wstring&, const std::vector<std::string>&, bool, bool,
+                               const Smtp_profile&) {
   return new Failing_handler;
 }
 

@@ -6,8 +6,9 @@
 #include "manager/table_access.h"
 #include "reader/header_block.h"
 
-Smtp_rfc822_handler::Smtp_rfc822_handler(const std::vector<std::string>& export_headers, bool is_message)
-    : export_headers_(export_headers), is_message_(is_message) {}
+Smtp_rfc822_handler::Smtp_rfc822_handler(const std::vector<std::string>& export_headers, bool is_message,
+                                         const Smtp_profile& profile)
+    : export_headers_(export_headers), is_message_(is_message), profile_(profile) {}
 
 Smtp_rfc822_handler::~Smtp_rfc822_handler() { table_.clear_items(); }
 

@@ -21,13 +21,15 @@
 
 #include "manager/handler_base.h"
 #include "manager/item_table.h"
+#include "reader/profile.h"
 
 class Smtp_rfc822_handler : public Fmg_handler_base {
  public:
   // `export_headers` must outlive the handler; `is_message` says whether the
   // item is a message of its own (else no header is exported and the body
-  // is an attachment).
-  Smtp_rfc822_handler(const std::vector<std::string>& export_headers, bool is_message);
+  // is an attachment); `profile` is a static constant.
+  Smtp_rfc822_handler(const std::vector<std::string>& export_headers, bool is_message,
+                      const Smtp_profile& profile = smtp_reference_profile);
 
   // Reads the header, exports the listed fields and adds the body, cut at
   // its first encoded block; starts from an empty table every time.
@@ -60,6 +62,7 @@ class Smtp_rfc822_handler : public Fmg_handler_base {
  private:
   const std::vector<std::string>& export_headers_;
   bool is_message_;
+  [[maybe_unused]] const Smtp_profile& profile_;
   // Position in `data` of the first byte behind the blank line that ends
   // the header.
   uint64_t body_offset_ = 0;

@@ -27,18 +27,19 @@ void decode_header_value(std::string_view value, Vek_wstring& text) { decode_enc
 
 Smtp_rfc1521_handler::Smtp_rfc1521_handler(const Vek_wstring& source_name,
                                            const std::vector<std::string>& export_headers, bool is_message,
-                                           bool add_empty_body)
+                                           bool add_empty_body, const Smtp_profile& profile)
     : source_name_(source_name),
       export_headers_(export_headers),
       is_message_(is_message),
-      add_empty_body_(add_empty_body) {}
+      add_empty_body_(add_empty_body),
+      profile_(profile) {}
 
 Smtp_rfc1521_handler::~Smtp_rfc1521_handler() { clear_items(); }
 
 Fmg_handler_base* make_rfc1521_handler(const Vek_wstring& name,
                                        const std::vector<std::string>& export_headers, bool is_message,
-                                       bool add_empty_body) {
-  return new (std::nothrow) Smtp_rfc1521_handler(name, export_headers, is_message, add_empty_body);
+                                       bool add_empty_body, const Smtp_profile& profile) {
+  return new (std::nothrow) Smtp_rfc1521_handler(name, export_headers, is_message, add_empty_body, profile);
 }
 
 const Smtp_header_field* find_parameter(const std::vector<Smtp_header_field>& parameters,

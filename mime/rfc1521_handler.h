@@ -29,14 +29,16 @@
 #include "manager/handler_base.h"
 #include "manager/item_table.h"
 #include "reader/header_block.h"
+#include "reader/profile.h"
 
 class Smtp_rfc1521_handler : public Fmg_handler_base {
  public:
   // `source_name` (the text of every log entry) and `export_headers` must
   // outlive the handler; `is_message` says whether the entity stands for a
-  // message, `add_empty_body` whether a message without text gets one.
+  // message, `add_empty_body` whether a message without text gets one;
+  // `profile` is a static constant.
   Smtp_rfc1521_handler(const Vek_wstring& source_name, const std::vector<std::string>& export_headers,
-                       bool is_message, bool add_empty_body);
+                       bool is_message, bool add_empty_body, const Smtp_profile& profile = smtp_reference_profile);
 
   // Reads the header, exports the listed fields, settles type and transfer
   // encoding (repairing the "Content-Type" where needed) and takes the body;
@@ -115,6 +117,7 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
   const std::vector<std::string>& export_headers_;
   const bool is_message_;
   const bool add_empty_body_;
+  const Smtp_profile& profile_;
   Smtp_item_table table_;
   // Set by the classification of signed and encrypted entities; a repeated
   // set_data never resets them.
@@ -137,7 +140,7 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
 // by the caller, which ends it with release().
 Fmg_handler_base* make_rfc1521_handler(const Vek_wstring& name,
                                        const std::vector<std::string>& export_headers, bool is_message,
-                                       bool add_empty_body);
+                                       bool add_empty_body, const Smtp_profile& profile);
 
 // The first parameter named `name` (any case), or null.
 const Smtp_header_field* find_parameter(const std::vector<Smtp_header_field>& parameters,
