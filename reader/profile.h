@@ -22,17 +22,49 @@
 struct Smtp_profile {
   // The name that tools print: "reference" or "hardened".
   const char* name = "reference";
-  // Set in the hardened profile only; a setting below asks for itself.
+  // Set in the hardened profile only.
   bool hardened = false;
+
+  // -- Recognition and the header ------------------------------------------
+
+
+  // -- Multipart bodies and their delimiter lines ---------------------------
+
+
+  // -- Types, transfer encodings and file names -----------------------------
+
+
+  // -- Decoding, embedded blocks and RFC 1505 bodies ------------------------
+
+
+  // -- Rewriting -------------------------------------------------------------
+
 };
 
 // The reading that the format manager has always given.
 inline constexpr Smtp_profile smtp_reference_profile{};
 
 // Every reading a common mail client takes, and never fewer items.
-inline constexpr Smtp_profile smtp_hardened_profile{
-    .name = "hardened",
-    .hardened = true,
-};
+inline constexpr Smtp_profile smtp_hardened_profile = [] {
+  Smtp_profile p;
+  p.name = "hardened";
+  p.hardened = true;
+
+  // Recognition and the header.
+
+
+  // Multipart bodies and their delimiter lines.
+
+
+  // Types, transfer encodings and file names.
+
+
+  // Decoding, embedded blocks and RFC 1505 bodies.
+
+
+  // Rewriting.
+
+  return p;
+}();
 
 #endif  // SMTPFM_READER_PROFILE_H_
