@@ -9,7 +9,8 @@
 // way down, as the peers do.
 //
 // The plug-in is the one built beside this program (SMTPFM_MODULE_PATH),
-// or the one named by the environment variable SMTPFM_MODULE.
+// or the one named by the environment variable SMTPFM_MODULE. The manager
+// reads in the reference profile unless SMTPFM_PROFILE is "hardened".
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -24,6 +25,8 @@ int main(int argc, char** argv) {
   options.module_path = module != nullptr && *module != '\0' ? module : SMTPFM_MODULE_PATH;
   options.keep_line_ends = true;
   options.max_depth = 1u << 16;
+  const char* profile = std::getenv("SMTPFM_PROFILE");
+  options.hardened = profile != nullptr && std::string(profile) == "hardened";
 
   std::string error;
   std::unique_ptr<Plugin_library> library = Plugin_library::load(options, error);

@@ -4,7 +4,8 @@
     run_bench.py --build BUILD --peers PEERS_BUILD --inputs INPUTS [--seconds 2] [--runs 3]
 
 Drivers (each `NAME REPEAT FILE...`, printing `bytes_in=N bytes_decoded=N
-seconds=S mb_per_s=X`): smtpfm (BUILD/bench/explode), GMime and mimetic
+seconds=S mb_per_s=X`): smtpfm (BUILD/bench/explode) in the reference
+profile and, as "hardened", in the hardened profile, GMime and mimetic
 (PEERS_BUILD/explode_gmime, explode_mimetic) and the memchr bound
 (BUILD/bench/explode_limit). They run one after the other, never side by
 side. For each driver and input a calibration run picks REPEAT so that one
@@ -39,7 +40,8 @@ LARGE = ("attachment", "plain")  # also run with a warm heap
 PEERS = ("gmime", "mimetic")
 # Freed blocks stay in the heap instead of going back to the kernel.
 WARM_TUNABLES = "glibc.malloc.mmap_threshold=4294967296:glibc.malloc.trim_threshold=4294967296"
-NAMES = {"smtpfm": "smtpfm", "gmime": "GMime", "mimetic": "mimetic", "limit": "memchr"}
+NAMES = {"smtpfm": "smtpfm", "hardened": "smtpfm hardened", "gmime": "GMime", "mimetic": "mimetic",
+         "limit": "memchr"}
 
 
 def measure(program, repeat, files, env=None):
@@ -115,10 +117,13 @@ def main():
 
     drivers = {
         "smtpfm": os.path.join(args.build, "bench", "explode"),
+        "hardened": os.path.join(args.build, "bench", "explode"),
         "gmime": os.path.join(args.peers, "explode_gmime"),
         "mimetic": os.path.join(args.peers, "explode_mimetic"),
         "limit": os.path.join(args.build, "bench", "explode_limit"),
     }
+    # The one driver run with an environment of its own.
+    driver_env = {"hardened": {"SMTPFM_PROFILE": "hardened"}}
     for name, program in drivers.items():
         if not os.access(program, os.X_OK):
             sys.exit("run_bench: the %s driver %s is missing" % (name, program))
@@ -131,10 +136,13 @@ def main():
             if not files:
                 sys.exit("run_bench: no input %s in %s (run gen_inputs.py)" % (pattern, args.inputs))
             for name, program in drivers.items():
-                repeat = calibrate(program, files, args.seconds, env)
+                run_env = env
+                if name in driver_env:
+                    run_env = dict(env if env is not None else os.environ, **driver_env[name])
+                repeat = calibrate(program, files, args.seconds, run_env)
                 rates, rss, figures = [], [], None
                 for _ in range(args.runs):
-                    figures, peak = measure(program, repeat, files, env)
+                    figures, peak = measure(program, repeat, files, run_env)
                     rates.append(figures["mb_per_s"])
                     rss.append(peak)
                 results[key, name] = {
@@ -151,14 +159,17 @@ def main():
         return results
 
     def rate_table(selected, results):
-        out = ["| input | MB in | smtpfm | GMime | mimetic | memchr | best peer | smtpfm / best peer | smtpfm / memchr |",
-               "|---|---:|---:|---:|---:|---:|---|---:|---:|"]
+        out = ["| input | MB in | smtpfm | hardened | hardened / smtpfm | GMime | mimetic | memchr | best peer "
+               "| smtpfm / best peer | smtpfm / memchr |",
+               "|---|---:|---:|---:|---:|---:|---:|---:|---|---:|---:|"]
         for key, label, _ in selected:
             r = {name: results[key, name] for name in drivers}
             best = max(PEERS, key=lambda p: r[p]["mb_per_s"])
             ours = r["smtpfm"]["mb_per_s"]
-            out.append("| %s | %.1f | %s | %s | %s | %s | %s | %.2fx | %.3f |" % (
-                label, r["smtpfm"]["bytes_in"] / 1e6, fmt_rate(ours), fmt_rate(r["gmime"]["mb_per_s"]),
+            hardened = r["hardened"]["mb_per_s"]
+            out.append("| %s | %.1f | %s | %s | %.2f | %s | %s | %s | %s | %.2fx | %.3f |" % (
+                label, r["smtpfm"]["bytes_in"] / 1e6, fmt_rate(ours), fmt_rate(hardened), hardened / ours,
+                fmt_rate(r["gmime"]["mb_per_s"]),
                 fmt_rate(r["mimetic"]["mb_per_s"]), fmt_rate(r["limit"]["mb_per_s"]), NAMES[best],
                 ours / r[best]["mb_per_s"], ours / r["limit"]["mb_per_s"]))
         return out
@@ -195,21 +206,21 @@ def main():
         lines.append("")
         lines.append("Peak resident memory in MiB (each driver holds the input it read):")
         lines.append("")
-        lines.append("| input | MiB in | smtpfm | GMime | mimetic | memchr |")
-        lines.append("|---|---:|---:|---:|---:|---:|")
+        lines.append("| input | MiB in | smtpfm | hardened | GMime | mimetic | memchr |")
+        lines.append("|---|---:|---:|---:|---:|---:|---:|")
         for key, label, _ in rows:
             r = {name: results[key, name] for name in drivers}
-            lines.append("| %s | %.1f | %.0f | %.0f | %.0f | %.0f |" % (
+            lines.append("| %s | %.1f | %.0f | %.0f | %.0f | %.0f | %.0f |" % (
                 label, r["smtpfm"]["bytes_in"] / 2**20,
-                *(r[name]["rss_kib"] / 1024 for name in ("smtpfm", "gmime", "mimetic", "limit"))))
+                *(r[name]["rss_kib"] / 1024 for name in ("smtpfm", "hardened", "gmime", "mimetic", "limit"))))
     lines.append("")
     lines.append("Bytes of all leaves per pass (the same job done, where they agree):")
     lines.append("")
-    lines.append("| input | smtpfm | GMime | mimetic |")
-    lines.append("|---|---:|---:|---:|")
+    lines.append("| input | smtpfm | hardened | GMime | mimetic |")
+    lines.append("|---|---:|---:|---:|---:|")
     for key, label, _ in rows:
-        lines.append("| %s | %d | %d | %d |" % (
-            label, *(results[key, name]["bytes_decoded"] for name in ("smtpfm", "gmime", "mimetic"))))
+        lines.append("| %s | %d | %d | %d | %d |" % (
+            label, *(results[key, name]["bytes_decoded"] for name in ("smtpfm", "hardened", "gmime", "mimetic"))))
 
     text = "\n".join(lines) + "\n"
     print(text)
