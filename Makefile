@@ -16,7 +16,7 @@ FUZZ_TEST_SECONDS ?= 30
 FUZZ_JOBS ?= 1
 FUZZ_TARGETS ?= host_walk header encoded_words codecs block_scanner
 
-.PHONY: deps all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode bench-hostile bench-mbox clean
+.PHONY: deps mutants all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode bench-hostile bench-mbox clean
 
 all: build
 
@@ -100,5 +100,12 @@ MBOX_GIB ?= 2
 bench-mbox: build
 	sh bench/mbox_scan.sh $(BUILD) $(MBOX_GIB)
 
+# Small faults put into FILES one at a time; the report lists those that
+# no test catches. MUTANTS=0 takes every mutant.
+MUTANTS ?= 300
+SEED ?= 1
+mutants: deps
+	python3 tools/mutants.py $(FILES) -n $(MUTANTS) --seed $(SEED)
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) build-mutants
