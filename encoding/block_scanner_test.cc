@@ -76,6 +76,33 @@ TEST(BlockScanner, FoundAndEncodedRecords) {
   }
 }
 
+// The quick search for keywords steps 32 bytes at a time over the whole
+// body. Against what a line-by-line reading must find: a frame behind
+// lines and columns of every length around the steps, filled with 8-bit
+// and control bytes and with near misses of the keywords, is found where
+// it begins; a keyword broken by one such byte is none.
+TEST(BlockScanner, QuickSearchAgreesAtEveryOffset) {
+  const std::string junk_bytes = std::string("\x80\xff\x01\x7f", 4) + '\0' + "bexntasu";
+  auto junk = [&](size_t length, size_t seed) {
+    std::string out;
+    for (size_t i = 0; i < length; ++i) out += junk_bytes[(i * 7 + seed) % junk_bytes.size()];
+    return out;
+  };
+  for (size_t lead = 0; lead <= 40; ++lead) {
+    for (size_t column = 0; column <= 40; ++column) {
+      SCOPED_TRACE("line of " + std::to_string(lead) + ", column " + std::to_string(column));
+      const std::string head = junk(lead, column) + "\r\n";
+      Scan_result r = scan_text(head + junk(column, lead) + "begin 644 a\r\nM\r\n" + junk(column, 3) + "end\r\n");
+      ASSERT_TRUE(r.found);
+      ASSERT_EQ(r.encoded, 1u);
+      EXPECT_EQ(r.records.back().name, "a");
+      EXPECT_EQ(r.records.back().begin_position, head.size());
+      const std::string broken = "beg" + junk(1, column) + "in 644 a";
+      EXPECT_FALSE(scan_text(head + junk(column, lead) + broken + "\r\nend\r\n").found);
+    }
+  }
+}
+
 TEST(BlockScanner, PositionsOfTextBlockAndText) {
   std::string body = crlf({"Here it is:", "begin 644 a.txt", "M86)C", "end", "bye"});
   Scan_result r = scan_text(body);

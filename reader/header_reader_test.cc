@@ -250,3 +250,54 @@ TEST(HeaderRoundTrip, Corpus) {
 }
 
 }  // namespace
+
+// The line scans test sixteen bytes at a time from a line of sixteen bytes
+// on. Against a byte-at-a-time model, at every offset of lines around 16
+// and 32 bytes: the count of bytes outside printable ASCII up to a NUL
+// (more than smtp_max_refused_bytes make no header line), and the first
+// white space or control byte in front of a colon (no name line).
+TEST(ReadHeaderField, LineScansAgreeWithAByteAtATimeModel) {
+  const unsigned char odd[] = {0x00, 0x01, '\t', ' ', 0x7f, 0x80, 0xff};
+  auto read = [](const std::string& line, std::string& name, std::string& first) {
+    Text_stream in(line + "\r\n");
+    std::vector<std::string> lines;
+    Vek_status status;
+    name = read_header_field(in.stream, smtp_max_header_line, name, lines, status) ? name : "!";
+    first = lines.empty() ? "" : lines[0];
+    return status.value();
+  };
+  for (size_t length = 1; length <= 40; ++length) {
+    for (size_t offset = 0; offset < length; ++offset) {
+      for (unsigned char byte : odd) {
+        SCOPED_TRACE(std::to_string(length) + " bytes, " + std::to_string(byte) + " at " + std::to_string(offset));
+        // A value with five copies of the byte from the offset on (fewer
+        // where the line ends).
+        std::string value(length, 'x');
+        for (size_t k = offset; k < length && k < offset + 5; ++k) value[k] = static_cast<char>(byte);
+        int refused = 0;
+        size_t end = 0;
+        for (; end < value.size() && value[end] != '\0'; ++end)
+          refused += (static_cast<unsigned char>(value[end]) >= 127 ||
+                      (static_cast<unsigned char>(value[end]) < 32 && value[end] != '\t'));
+        std::string name, first;
+        const uint32_t status = read("A: " + value, name, first);
+        if (refused > smtp_max_refused_bytes) {
+          EXPECT_EQ(status, smtp_not_header_line);
+        } else {
+          EXPECT_EQ(status, vek_ok);
+          EXPECT_EQ(name, "A");
+          // The spaces behind the colon are not part of the value.
+          std::string want = value.substr(0, end);
+          want.erase(0, want.find_first_not_of(' '));
+          EXPECT_EQ(first, want);
+        }
+        // One byte in a name of `length` bytes in front of the colon.
+        std::string field(length, 'n');
+        field[offset] = static_cast<char>(byte);
+        const bool stops = byte <= ' ' || byte == 0x7f;
+        read(field + ": v", name, first);
+        EXPECT_EQ(name == field, !stops);
+      }
+    }
+  }
+}
