@@ -15,27 +15,11 @@ using mime_test::summarise;
 // bytes, and every level is rebuilt: the tree that comes back is the same.
 TEST(Corpus, ReplacingEveryLeafWithItselfKeepsTheTree) {
   const auto corpus = load_corpus();
-  if (corpus.empty()) GTEST_SKIP() << "no corpus at " << corpus_dir();
+  ASSERT_FALSE(corpus.empty()) << "no corpus at " << corpus_dir();
   size_t rebuilt = 0;
-  size_t untouched = 0;
   for (const auto& message : corpus) {
     SCOPED_TRACE(message.name);
-    auto original = plugin().open(message.text);
-    const auto before = summarise(*original);
-
-    // Nothing replaced and nothing repaired: the message comes back as it is.
-    bool repaired = false;
-    original->for_each([&repaired](Item_node& node) {
-      Vek_status status;
-      if (node.handler != nullptr && node.handler->is_modified(*node.item, status)) repaired = true;
-    });
-    if (!repaired) {
-      std::string out, error;
-      ASSERT_TRUE(original->rebuild(out, error)) << error;
-      EXPECT_EQ(out, message.text) << first_difference(out, message.text);
-      ++untouched;
-    }
-
+    const auto before = summarise(*plugin().open(message.text));
     auto tree = plugin().open(message.text);
     std::vector<Item_node*> leaves;
     tree->for_each([&leaves](Item_node& node) {
@@ -50,7 +34,7 @@ TEST(Corpus, ReplacingEveryLeafWithItselfKeepsTheTree) {
     }
     std::string out, error;
     ASSERT_TRUE(tree->rebuild(out, error)) << error;
-    if (replaced != 0 || repaired) ++rebuilt;
+    if (replaced != 0) ++rebuilt;
     auto again = plugin().open(out);
     const auto after = summarise(*again);
     ASSERT_EQ(before.size(), after.size());
@@ -58,8 +42,7 @@ TEST(Corpus, ReplacingEveryLeafWithItselfKeepsTheTree) {
       EXPECT_EQ(before[i], after[i]) << first_difference(before[i].bytes, after[i].bytes);
     }
   }
-  std::printf("corpus: %zu messages, %zu rebuilt, %zu unchanged and byte for byte\n", corpus.size(), rebuilt,
-              untouched);
+  EXPECT_GT(rebuilt, corpus.size() / 2);
 }
 
 TEST(Large, TenThousandPartsAndDeepNesting) {
