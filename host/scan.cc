@@ -1,5 +1,6 @@
 #include "host/scan.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -187,14 +188,27 @@ int run_scan(const Host_options& options, const std::vector<std::string>& paths,
     std::cerr << "smtpfm: " << error << '\n';
     return 1;
   }
-  std::ofstream json_out;
-  if (!json_lines.empty()) {
-    json_out.open(json_lines, std::ios::binary | std::ios::trunc);
-    if (!json_out) {
+  // The documents go to standard output for "-" (or a path that is
+  // standard output, such as /dev/stdout), and the summary then goes to
+  // standard error, so that a pipe gets JSON lines only.
+  std::ofstream json_file;
+  std::ostream* json_out = nullptr;
+  if (json_lines == "-") {
+    json_out = &std::cout;
+  } else if (!json_lines.empty()) {
+    json_file.open(json_lines, std::ios::binary | std::ios::trunc);
+    if (!json_file) {
       std::cerr << "smtpfm: " << json_lines << ": cannot write\n";
       return 1;
     }
+    json_out = &json_file;
   }
+  struct stat out_stat, path_stat;
+  const bool json_to_stdout =
+      json_out == &std::cout || (json_out != nullptr && fstat(STDOUT_FILENO, &out_stat) == 0 &&
+                                 stat(json_lines.c_str(), &path_stat) == 0 && out_stat.st_dev == path_stat.st_dev &&
+                                 out_stat.st_ino == path_stat.st_ino);
+  std::ostream& summary = json_to_stdout ? std::cerr : std::cout;
   Message_queue queue(jobs);
   std::mutex output_mutex;
   Totals totals;
@@ -212,10 +226,10 @@ int run_scan(const Host_options& options, const std::vector<std::string>& paths,
         if (!manager) continue;  // drain the queue so the reader never blocks
         Message_tree tree(*manager, std::move(message->second), options);
         count_tree(tree, mine);
-        if (json_out.is_open()) {
+        if (json_out != nullptr) {
           std::string line = tree_json(tree, message->first).dump() + "\n";
           std::lock_guard lock(output_mutex);
-          json_out << line;
+          *json_out << line;
         }
         ++done;
         done_bytes += tree.input().size();
@@ -250,15 +264,15 @@ int run_scan(const Host_options& options, const std::vector<std::string>& paths,
   }
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
-  std::cout << "profile: " << profile_name(options) << "\nmessages: " << totals.messages << "\ntaken: " << totals.taken << "\nrefused: " << totals.refused
-            << "\n";
-  for (const auto& [name, count] : totals.handlers) std::cout << "  " << name << ": " << count << "\n";
-  std::cout << "attachments: " << totals.attachments << "\nlog code 33: " << totals.code33
-            << "\nfailures: " << totals.failures << "\n";
+  summary << "profile: " << profile_name(options) << "\nmessages: " << totals.messages
+          << "\ntaken: " << totals.taken << "\nrefused: " << totals.refused << "\n";
+  for (const auto& [name, count] : totals.handlers) summary << "  " << name << ": " << count << "\n";
+  summary << "attachments: " << totals.attachments << "\nlog code 33: " << totals.code33
+          << "\nfailures: " << totals.failures << "\n";
   char rate[64];
   std::snprintf(rate, sizeof rate, "%.1f MB in %.2f s, %.1f MB/s", totals.bytes / 1e6, seconds,
                 seconds > 0 ? totals.bytes / 1e6 / seconds : 0.0);
-  std::cout << rate << "\n";
+  summary << rate << "\n";
   if (!read_ok) {
     std::cerr << "smtpfm: " << error << '\n';
     return 1;

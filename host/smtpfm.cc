@@ -26,36 +26,69 @@ struct Failure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// "-" is standard input.
 std::string read_file(const std::string& path) {
+  std::ostringstream bytes;
+  if (path == "-") {
+    bytes << std::cin.rdbuf();
+    if (std::cin.bad()) throw Failure("standard input: cannot read");
+    return bytes.str();
+  }
   std::error_code error;
   if (fs::is_directory(path, error)) throw Failure(path + ": is a folder, not a message");
   std::ifstream in(path, std::ios::binary);
   if (!in) throw Failure(path + ": cannot open: " + std::strerror(errno));
-  std::ostringstream bytes;
   bytes << in.rdbuf();
   if (in.bad()) throw Failure(path + ": cannot read");
   return bytes.str();
 }
 
-// Writes through a temporary file, so that a failure leaves no output.
-void write_file(const std::string& path, std::string_view bytes) {
-  std::string temporary = path + ".smtpfm-tmp";
+// Writes `bytes` where a Unix tool would: "-" is standard output; a path
+// that exists and is no regular file (a terminal, a pipe, /dev/stdout) is
+// written in place; a symbolic link is written through, never replaced.
+// Only a regular file (or a new one) is replaced through a temporary file
+// beside it, so that a failure leaves the old file or no file.
+void write_file(const std::string& given, std::string_view bytes) {
+  if (given == "-") {
+    std::cout.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::cout.flush();
+    if (!std::cout) throw Failure("standard output: cannot write");
+    return;
+  }
+  std::error_code error;
+  const fs::file_status status = fs::status(given, error);  // through links
+  if (fs::exists(status) && !fs::is_regular_file(status)) {
+    if (fs::is_directory(status)) throw Failure(given + ": is a folder");
+    std::ofstream out(given, std::ios::binary);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    out.flush();
+    if (!out) throw Failure(given + ": cannot write: " + std::strerror(errno));
+    return;
+  }
+  // Follow links by hand: a link may name a file that does not exist yet.
+  fs::path path = given;
+  for (int hops = 0; fs::is_symlink(fs::symlink_status(path, error)); ++hops) {
+    fs::path target = fs::read_symlink(path, error);
+    if (error || hops == 40) throw Failure(given + ": cannot follow the link");
+    path = target.is_absolute() ? target : path.parent_path() / target;
+  }
+  std::string temporary = path.string() + ".smtpfm-tmp";
   {
     std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    if (!out) throw Failure(path + ": cannot write: " + std::strerror(errno));
+    if (!out) throw Failure(given + ": cannot write: " + std::strerror(errno));
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     out.flush();
     if (!out) {
       out.close();
       fs::remove(temporary);
-      throw Failure(path + ": cannot write");
+      throw Failure(given + ": cannot write");
     }
   }
-  std::error_code error;
+  error.clear();
   fs::rename(temporary, path, error);
   if (error) {
     fs::remove(temporary);
-    throw Failure(path + ": cannot write: " + error.message());
+    throw Failure(given + ": cannot write: " + error.message());
   }
 }
 
@@ -207,6 +240,7 @@ int run_register(const Host_options& options, bool remove) {
 int main(int argc, char** argv) {
   CLI::App app{"smtpfm: see, extract, replace and rewrite what the SMTP format manager finds in mail"};
   app.require_subcommand(1);
+  app.set_version_flag("--version", "smtpfm " SMTPFM_VERSION);
   Host_options options;
   options.hardened = true;  // --strict asks for the reference reading
 
