@@ -169,7 +169,8 @@ def target_of(path):
 
 
 def run(cmd, timeout=None, env=None):
-    return subprocess.run(cmd, cwd=ROOT, capture_output=True, text=True, timeout=timeout, env=env)
+    return subprocess.run(cmd, cwd=ROOT, capture_output=True, encoding="utf-8", errors="replace", timeout=timeout,
+                          env=env)
 
 
 def configure(build):
@@ -253,10 +254,23 @@ def main():
         if outcome != "pass":
             sys.exit("mutants: %s fails without any mutant: %s" % (target, ", ".join(failed) or outcome))
 
+    # Outcomes are kept as they come, so that a run that was stopped goes
+    # on where it stopped.
+    out_path = args.out or os.path.join(args.build, "mutants.json")
+    partial_path = out_path + ".partial"
+    done = {}
+    if os.path.exists(partial_path):
+        for line in open(partial_path):
+            r = json.loads(line)
+            done[r["file"], r["line"], r["new"]] = r
+    partial = open(partial_path, "a")
     results = []
     started = time.time()
     try:
         for index, (f, number, op, old, new) in enumerate(sample, 1):
+            if (f, number, new.strip()) in done:
+                results.append(done[f, number, new.strip()])
+                continue
             target, binary = target_of(f)
             lines = originals[f].split("\n")
             lines[number - 1] = new
@@ -270,6 +284,8 @@ def main():
             restore()
             results.append({"file": f, "line": number, "op": op, "old": old.strip(), "new": new.strip(),
                             "outcome": outcome, "failed": failed})
+            partial.write(json.dumps(results[-1]) + "\n")
+            partial.flush()
             print("[%d/%d %.0fs] %s:%d %s %s" % (index, len(sample), time.time() - started, f, number, op,
                                                  outcome), file=sys.stderr)
     finally:
@@ -278,7 +294,9 @@ def main():
         for target in sorted({target_of(f)[0] for f in files}):
             run(["cmake", "--build", args.build, "-j2", "--target", target])
 
-    report(results, args.out or os.path.join(args.build, "mutants.json"))
+    report(results, out_path)
+    partial.close()
+    os.unlink(partial_path)
     return 0
 
 
