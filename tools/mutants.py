@@ -51,6 +51,10 @@ TEST_TARGETS = [
     ("mime/", "mime_test", "mime/mime_test"),
     ("shell/", "shell_test", "shell/shell_test"),
     ("host/", "host_test", "host/host_test"),
+    ("platform/vek/", "vek_test", "platform/vek/vek_test"),
+    ("platform/mib/", "mib_test", "platform/mib/mib_test"),
+    ("platform/zor/", "zor_test", "platform/zor/zor_test"),
+    ("platform/tav/", "zor_test", "platform/zor/zor_test"),
 ]
 
 CMP = {" == ": " != ", " != ": " == ", " < ": " <= ", " <= ": " < ", " > ": " >= ", " >= ": " > "}
@@ -218,9 +222,15 @@ def main():
     parser.add_argument("--timeout", type=float, default=60.0, help="seconds before a test run counts as hung")
     parser.add_argument("--out", help="JSON result (default: BUILD/mutants.json)")
     parser.add_argument("--list", action="store_true", help="only list the sampled mutants")
+    parser.add_argument("--report", metavar="JSON", help="only print the report of an earlier run")
     args = parser.parse_args()
 
-    files = [os.path.relpath(os.path.abspath(f), ROOT) for f in args.files]
+    if args.report:
+        report(json.load(open(args.report))["results"], os.devnull)
+        return 0
+    # Tests and their helpers are what judges a mutant, never a place for one.
+    files = [os.path.relpath(os.path.abspath(f), ROOT) for f in args.files
+             if not f.endswith("_test.cc") and "test_" not in os.path.basename(f)]
     candidates = [(f,) + m for f in files for m in mutants_of(f)]
     rng = random.Random(args.seed)
     sample = candidates if args.mutants <= 0 or args.mutants >= len(candidates) else rng.sample(candidates,
@@ -300,6 +310,29 @@ def main():
     return 0
 
 
+def test_sizes():
+    """Lines of code of each TEST and TEST_F in the folders' test files, by
+    the name gtest gives it ("Suite.Name")."""
+    sizes = {}
+    header = re.compile(r"^TEST(?:_F)?\((\w+),\s*(\w+)\)")
+    for prefix, _, binary in TEST_TARGETS:
+        folder = os.path.join(ROOT, os.path.dirname(binary))
+        for name in sorted(os.listdir(folder)):
+            if not name.endswith("_test.cc"):
+                continue
+            current = None
+            for line in open(os.path.join(folder, name), encoding="utf-8", errors="replace"):
+                m = header.match(line)
+                if m:
+                    current = m.group(1) + "." + m.group(2)
+                    sizes[current] = 0
+                elif line.startswith("}"):
+                    current = None
+                if current and line.strip() and not line.strip().startswith("//"):
+                    sizes[current] += 1
+    return sizes
+
+
 def report(results, out_path):
     valid = [r for r in results if r["outcome"] != "invalid"]
     caught = [r for r in valid if r["outcome"] != "pass"]
@@ -325,6 +358,26 @@ def report(results, out_path):
     print("\n== tests that catch mutants, none alone")
     for test in sorted(everyone - set(only)):
         print("  " + test)
+    # Tests that can go while every caught mutant stays caught: the largest
+    # first, each dropped when every mutant it catches is caught by a test
+    # that stays. A mutant caught without a report (a crash) names no test
+    # and holds none.
+    sizes = test_sizes()
+    kills = {}
+    for index, r in enumerate(caught):
+        for test in r["failed"]:
+            kills.setdefault(test, set()).add(index)
+    holders = {index: set(r["failed"]) for index, r in enumerate(caught)}
+    removable = []
+    for test in sorted(sizes, key=lambda t: -sizes[t]):
+        mine = kills.get(test, set())
+        if all(len(holders[index] - {test}) > 0 for index in mine):
+            removable.append(test)
+            for index in mine:
+                holders[index].discard(test)
+    print("\n== tests that can go with every caught mutant still caught (lines)")
+    for test in removable:
+        print("%-60s %d" % (test, sizes[test]))
     score = len(caught) / len(valid) if valid else 0.0
     print("\nmutants: %d valid (%d did not compile), %d caught: %.1f%%" % (
         len(valid), len(results) - len(valid), len(caught), 100 * score))
