@@ -172,8 +172,9 @@ bool Smtp_rfc1521_handler::can_modify_item(uint32_t position, Fmg_item&, Vek_sta
   status.clear();
   test_table_position(table_, position, smtp_handler_class, "can_modify_item");
   // A changed part would break a signature, and a certificate is no content
-  // to be changed.
-  return position >= table_.header_item_count && !is_signed_ && !is_certificate_;
+  // to be changed. Another reading of a body is never written back.
+  return position >= table_.header_item_count && !is_signed_ && !is_certificate_ &&
+         table_.at_position(position).type != smtp_item_extra_reading;
 }
 
 bool Smtp_rfc1521_handler::is_item_modified(uint32_t position, Fmg_item&, Vek_status& status) {

@@ -58,6 +58,16 @@ void read_content_type_leniently(std::string_view value, std::string& type, std:
   }
 }
 
+// How a transfer encoding makes the bytes of a body: decoded as
+// quoted-printable, as Base64, or taken as they stand.
+enum class Smtp_decoding { raw, quoted_printable, base64 };
+
+Smtp_decoding decoding_of(std::string_view encoding) {
+  if (vek_string_equal_nc(encoding, "quoted-printable")) return Smtp_decoding::quoted_printable;
+  if (vek_string_equal_nc(encoding, "base64")) return Smtp_decoding::base64;
+  return Smtp_decoding::raw;
+}
+
 // The transfer encodings of uuencode that mailers wrote before MIME had one.
 bool is_uuencode(std::string_view encoding) {
   return vek_string_equal_nc(encoding, "x-uuencode") || vek_string_equal_nc(encoding, "uuencode") ||
@@ -130,6 +140,8 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   // and a name in any of them is one that some client shows.
   std::vector<std::string> content_types;
   std::vector<std::string> dispositions;
+  std::string first_transfer_encoding;
+  size_t transfer_encoding_count = 0;
   {
     std::vector<Smtp_header_field> fields;
     // A block that the reader refuses counts for nothing: the entity is
@@ -145,6 +157,7 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
           if (profile_.file_names_as_clients_read_them) content_types.push_back(field.value);
         } else if (vek_string_equal_nc(field.name, "Content-Transfer-Encoding")) {
           transfer_encoding = field.value;
+          if (transfer_encoding_count++ == 0) first_transfer_encoding = field.value;
         } else if (vek_string_equal_nc(field.name, "Content-Disposition")) {
           disposition_text = field.value;
           if (profile_.file_names_as_clients_read_them) dispositions.push_back(field.value);
@@ -230,6 +243,7 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   }
 
   const bool is_body = vek_string_equal_nc(disposition, "attachment") ? false : is_message_;
+  const uint64_t body_start = stream.tell();
   if (!malformed) {
     if (vek_string_equal_nc(mime_type_, "multipart")) {
       open_multipart(stream, item, status);
@@ -246,6 +260,16 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
           add_body(status, table_.items, table_.item_order, std::move(body), mime_type_, mime_subtype_,
                    encoding_, is_message_ ? smtp_item_body : smtp_item_attachment);
       if (status.ok()) table_.body_index = index;
+    }
+    if (profile_.every_transfer_encoding_reading && transfer_encoding_count > 1 && status.ok() &&
+        !vek_string_equal_nc(mime_type_, "multipart")) {
+      // Clients that read the first of two fields decode the body their way.
+      std::string first;
+      Vek_status parsed;
+      parse_transfer_encoding(first_transfer_encoding, first, parsed);
+      if (!parsed.ok() && profile_.transfer_encoding_by_first_word) first = first_word(first_transfer_encoding);
+      if (!first.empty() && decoding_of(first) != decoding_of(encoding_))
+        add_extra_reading(body_start, first);
     }
     // The host gets the main body last; item_order is still 0, 1, 2...
     move_body_last(table_);
@@ -316,4 +340,33 @@ void Smtp_rfc1521_handler::decode_base64_body(Vek_istream& stream, Fmg_item& ite
     item.log(33, smtp_log_severity, source_name_, status);
     status.clear();
   }
+}
+
+// The body from `start` on read by another transfer encoding, as a record
+// that the host classifies and rebuild never writes. Data that do not
+// decode that way give no record: no client shows them either.
+void Smtp_rfc1521_handler::add_extra_reading(uint64_t start, const std::string& encoding) {
+  std::unique_ptr<Vek_buffer> bytes;
+  const Smtp_decoding decoding = decoding_of(encoding);
+  if (decoding == Smtp_decoding::raw) {
+    bytes = std::make_unique<Vek_sub_buffer>(data, start, vek_to_end);
+  } else {
+    Vek_status step;
+    Vek_buffered_istream input(data, true, step, vek_eol_lf);
+    auto decoded = std::make_unique<Vek_page_buffer>(0, 128);
+    Vek_ostream out(decoded.get(), step, vek_eol_crlf);
+    const uint64_t size = step.ok() ? input.size(step) : 0;
+    const uint64_t length = size > start ? size - start : 0;
+    if (step.ok() && decoding == Smtp_decoding::quoted_printable)
+      decode_quoted_printable(input, out, start, length, step);
+    else if (step.ok())
+      decode_base64(input, out, start, length, step);
+    if (!step.ok()) return;
+    out.detach();
+    bytes = std::move(decoded);
+  }
+  const auto length = static_cast<uint32_t>(bytes->size());
+  const uint32_t index = add_item_record(table_.items, smtp_item_extra_reading, std::move(bytes), length,
+                                         mime_type_, mime_subtype_, encoding, std::string());
+  table_.item_order.push_back(index);
 }

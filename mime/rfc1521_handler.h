@@ -93,6 +93,7 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
   void clear_items();
   void decode_quoted_printable_body(Vek_istream& stream, Fmg_item& item, bool is_body, Vek_status& status);
   void decode_base64_body(Vek_istream& stream, Fmg_item& item, bool is_body, Vek_status& status);
+  void add_extra_reading(uint64_t start, const std::string& encoding);
   // Access (access.cc).
   Vek_wstring charset_or(std::u16string_view fallback) const;
   void collect_file_names(const std::vector<std::string>& content_types,

@@ -66,12 +66,18 @@ struct Smtp_profile {
   // Thunderbird, Apple Mail and Gmail open it as one.
   bool message_global_is_message = false;
   // A Content-Transfer-Encoding that is not a single atom ("base64 encoded",
-  // "\"base64\"", "base64;") counts by its first word, and the
-  // uuencode family ("x-uuencode", "uuencode", "x-uue") hands the body on
-  // raw as an attachment named by its "begin" line, where the block
-  // scanner finds its frame. Thunderbird reads the first word and decodes
-  // uuencode; the reference drops a body whose encoding does not parse.
+  // "\"base64\"", "base64;") counts by its first word, and a body in the
+  // uuencode family ("x-uuencode", "uuencode", "x-uue") stays raw, with the
+  // file name of its "begin" line among its names (where the block scanner
+  // finds a frame). Thunderbird reads the first word and decodes uuencode
+  // under the begin line's name; the reference drops a body whose encoding
+  // does not parse.
   bool transfer_encoding_by_first_word = false;
+  // Of two Content-Transfer-Encoding fields the reference reads the last;
+  // Thunderbird and Python's email package read the first. Where the first
+  // decodes otherwise, the body read by it follows as an extra reading
+  // (a record that is never written back).
+  bool every_transfer_encoding_reading = false;
 
 
   // -- Decoding, embedded blocks and RFC 1505 bodies ------------------------
@@ -103,6 +109,7 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
   p.secure_by_type_only = true;
   p.message_global_is_message = true;
   p.transfer_encoding_by_first_word = true;
+  p.every_transfer_encoding_reading = true;
 
 
   // Decoding, embedded blocks and RFC 1505 bodies.
