@@ -83,6 +83,9 @@ TEST(HardenedNames, ContentAsClientsReadIt) {
        "TVohIQ==", "application/x-foo [a.exe] MZ!!", "-"},
       {"type with no head", "Content-Type: /; name=\"b.exe|Content-Transfer-Encoding: base64", "TVohIQ==",
        "application/octet-stream [b.exe] MZ!!", "-"},
+      {"multipart type with an unclosed quote: split as sent, not as repaired",
+       "Content-Type: multipart/mixed; boundary=\"XX", "--XX|Content-Type: text/plain||hi|--XX--",
+       "/ [] Cont", "-"},
       {"broken disposition", "Content-Type: application/octet-stream|"
        "Content-Disposition: attachment; filename=c@d.exe; size=(3|Content-Transfer-Encoding: base64",
        "TVohIQ==", "application/octet-stream [c@d.exe] MZ!!", "-"},

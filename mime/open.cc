@@ -8,11 +8,11 @@
 #include "codecs/encoded_words.h"
 #include "codecs/quoted_printable.h"
 #include "contracts/zor.h"
+#include "encoding/block_scanner.h"
 #include "manager/header_export.h"
 #include "manager/table_access.h"
 #include "mime/rfc1521_handler.h"
 #include "reader/content_type_repair.h"
-#include "encoding/block_scanner.h"
 #include "reader/field_parsers.h"
 #include "reader/tokeniser.h"
 
@@ -182,6 +182,8 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
     }
     content_type = type_text.empty() ? std::string("text/plain") : type_text + "/" + subtype_text;
   }
+  // Clients never see the repair: the lenient reading splits what was sent.
+  const std::string sent_content_type = profile_.bad_content_type_read_leniently ? content_type : std::string();
   content_type_repaired_ = repair_content_type(content_type);
 
   bool malformed = false;
@@ -190,7 +192,7 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
     item.log(33, smtp_log_severity, source_name_, status);
     status.clear();
     if (profile_.bad_content_type_read_leniently)
-      read_content_type_leniently(content_type, mime_type_, mime_subtype_, parameters_);
+      read_content_type_leniently(sent_content_type, mime_type_, mime_subtype_, parameters_);
     else
       malformed = true;
   }
@@ -233,7 +235,8 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
       }
     }
   }
-  if (profile_.file_names_as_clients_read_them) {
+  if (profile_.file_names_as_clients_read_them && !vek_string_equal_nc(mime_type_, "multipart")) {
+    // Only content is named; the parts of a multipart name themselves.
     // A uuencoded body names its file in its "begin" line, which is the
     // name a client gives the file it decodes from it.
     std::string block_name;

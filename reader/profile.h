@@ -39,7 +39,8 @@ struct Smtp_profile {
   // "filename*0*"...) and with RFC 2047 encoded words decoded, from every
   // such field and also split at ';' alone as clients split it (an unquoted
   // name with blanks or tspecials). ItemName is the first of these names,
-  // and each other one goes out as "ItemAlternateName". Thunderbird, Apple
+  // and the others go out as "ItemAlternateName", "ItemAlternateName2"...
+  // (an item holds one value per property name). Thunderbird, Apple
   // Mail, Outlook and Gmail show the disposition's file name, decoded; the
   // reference names an attachment by the raw "name" alone, so a policy on
   // names never sees "filename=evil.exe".
