@@ -18,11 +18,10 @@ constexpr const char* smtp_handler_class = "Smtp_rfc1521_handler";
 // second alternate is "ItemAlternateName2", and so on.
 constexpr std::u16string_view smtp_item_alternate_name = u"ItemAlternateName";
 
-// Names kept per entity. A client shows one name; a handful more cover
-// every way clients pick among duplicates, while a header of thousands of
-// "filename" parameters would otherwise cost a comparison per pair and a
-// property each.
-constexpr size_t smtp_max_file_names = 8;
+// Names kept per entity. The readings below give at most 25 (two fields of
+// each kind, two readings of each, three names per reading, and the
+// "begin" line); the bound only guards that count.
+constexpr size_t smtp_max_file_names = 32;
 
 void add_name(std::vector<Vek_wstring>& names, Vek_wstring name) {
   if (name.empty() || names.size() >= smtp_max_file_names) return;
@@ -42,45 +41,59 @@ Vek_wstring name_text(const Smtp_parameter_value& value) {
   return parameter_text(value);
 }
 
+void add_plain_name(std::vector<Vek_wstring>& names, const Smtp_header_field& parameter) {
+  Smtp_parameter_value plain;
+  plain.bytes = parameter.value;
+  add_name(names, name_text(plain));
+}
+
 // The names that `attribute` gives in one list of parameters: its RFC 2231
-// value, then every plain parameter of that name (beside an extended value
-// the plain one is what older Outlook shows, and of two plain ones clients
-// take either the first or the last).
+// value, then the first and the last plain parameter of that name (beside
+// an extended value the plain one is what older Outlook shows, and of two
+// plain ones clients take either the first or the last).
 void add_parameter_names(std::vector<Vek_wstring>& names, const std::vector<Smtp_header_field>& parameters,
                          std::string_view attribute) {
   Smtp_parameter_value value;
   if (find_parameter_value(parameters, attribute, value)) add_name(names, name_text(value));
+  const Smtp_header_field* first = nullptr;
+  const Smtp_header_field* last = nullptr;
   for (const Smtp_header_field& parameter : parameters) {
     if (!vek_string_equal_nc(parameter.name, attribute)) continue;
-    Smtp_parameter_value plain;
-    plain.bytes = parameter.value;
-    add_name(names, name_text(plain));
+    if (first == nullptr) first = &parameter;
+    last = &parameter;
   }
+  if (first != nullptr) add_plain_name(names, *first);
+  if (last != first) add_plain_name(names, *last);
 }
 
-// The names in every field of one kind, the last field first (the one this
-// handler reads), then the others (Thunderbird reads the first). Each
-// field counts as the parser reads it and as a split at ';' reads it,
-// which keeps an unquoted name with blanks, parentheses or tspecials whole.
-void add_field_names(std::vector<Vek_wstring>& names, const std::vector<std::string>& values,
-                     bool content_type) {
+// The names in one field, as the parser reads it and as a split at ';'
+// reads it, which keeps an unquoted name with blanks, parentheses or
+// tspecials whole.
+void add_field_names(std::vector<Vek_wstring>& names, const std::string& value, bool content_type) {
   const std::string_view attribute = content_type ? "name" : "filename";
   std::string head, type, subtype;
   std::vector<Smtp_header_field> parameters;
-  for (size_t k = values.size(); k-- > 0;) {
-    Vek_status status;
-    if (content_type) {
-      std::string repaired = values[k];
-      repair_content_type(repaired);
-      parse_content_type(repaired, type, subtype, parameters, status);
-    } else {
-      parse_content_disposition(values[k], head, parameters, status);
-    }
-    // A list cut short by a failure still holds what came before it.
-    add_parameter_names(names, parameters, attribute);
-    split_parameters(values[k], head, parameters);
-    add_parameter_names(names, parameters, attribute);
+  Vek_status status;
+  if (content_type) {
+    std::string repaired = value;
+    repair_content_type(repaired);
+    parse_content_type(repaired, type, subtype, parameters, status);
+  } else {
+    parse_content_disposition(value, head, parameters, status);
   }
+  // A list cut short by a failure still holds what came before it.
+  add_parameter_names(names, parameters, attribute);
+  split_parameters(value, head, parameters);
+  add_parameter_names(names, parameters, attribute);
+}
+
+// The names of the last field of a kind (the one this handler reads), then
+// of the first (the one Thunderbird and Python's email package read).
+void add_fields_names(std::vector<Vek_wstring>& names, const std::vector<std::string>& values,
+                      bool content_type) {
+  if (values.empty()) return;
+  add_field_names(names, values.back(), content_type);
+  if (values.size() > 1) add_field_names(names, values.front(), content_type);
 }
 
 }  // namespace
@@ -91,8 +104,8 @@ void Smtp_rfc1521_handler::collect_file_names(const std::vector<std::string>& co
   file_names_.clear();
   // Clients name an attachment by the disposition's "filename" before the
   // type's "name" (RFC 2183, section 2.3).
-  add_field_names(file_names_, dispositions, false);
-  add_field_names(file_names_, content_types, true);
+  add_fields_names(file_names_, dispositions, false);
+  add_fields_names(file_names_, content_types, true);
   Smtp_parameter_value block;
   block.bytes = block_name;
   add_name(file_names_, parameter_text(block));

@@ -76,6 +76,9 @@ TEST(HardenedNames, ContentAsClientsReadIt) {
        "Content-Type: text/plain|Content-Disposition: inline; filename=a.txt; filename=b.exe|"
        "Content-Disposition: inline; filename=c.scr",
        "x", "text/plain [c.scr|a.txt|b.exe] x\r\n", "text/plain [] x\r\n"},
+      {"of many filenames the first and the last",
+       "Content-Type: text/plain|Content-Disposition: inline; filename=a; filename=b; filename=c", "x",
+       "text/plain [a|c] x\r\n", "text/plain [] x\r\n"},
       {"unquoted name with a comment", "Content-Type: text/plain; name=my file (1).exe", "x",
        "text/plain [my file .exe|my file (1).exe] x\r\n", "text/plain [my file .exe] x\r\n"},
       {"type with a broken parameter", "Content-Type: application/x-foo; name=\"a.exe\"; junk|"
