@@ -29,13 +29,33 @@ void add_name(std::vector<Vek_wstring>& names, Vek_wstring name) {
   names.push_back(std::move(name));
 }
 
+// RFC 2231, section 5: an encoded word may name a language behind its
+// charset ("=?US-ASCII*EN?Q?...?="). The language says nothing about the
+// bytes, and Thunderbird drops it; so does this copy of `value`.
+std::string without_word_languages(std::string_view value) {
+  std::string out;
+  out.reserve(value.size());
+  size_t i = 0;
+  while (i < value.size()) {
+    const size_t open = value.find("=?", i);
+    if (open == std::string_view::npos) break;
+    const size_t charset_end = value.find('?', open + 2);
+    if (charset_end == std::string_view::npos) break;
+    const size_t star = value.substr(0, charset_end).find('*', open + 2);
+    out.append(value, i, (star != std::string_view::npos ? star : charset_end) - i);
+    i = charset_end;
+  }
+  out.append(value, i);
+  return out;
+}
+
 // A name as clients show it. A plain value may hold RFC 2047 encoded
 // words, which Outlook and Thunderbird write into quoted file names and
 // every client decodes; an RFC 2231 value has its charset instead.
 Vek_wstring name_text(const Smtp_parameter_value& value) {
   if (!value.extended && value.bytes.find("=?") != std::string::npos) {
     Vek_wstring text;
-    decode_encoded_words(value.bytes, text);
+    decode_encoded_words(without_word_languages(value.bytes), text);
     return text;
   }
   return parameter_text(value);

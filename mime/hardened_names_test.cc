@@ -70,6 +70,8 @@ TEST(HardenedNames, ContentAsClientsReadIt) {
        "text/plain [new.exe|old.txt] x\r\n", "text/plain [old.txt] x\r\n"},
       {"encoded word in a name", "Content-Type: text/plain; name=\"=?utf-8?B?ZXZpbC5leGU=?=\"", "x",
        "text/plain [evil.exe] x\r\n", "text/plain [=?utf-8?B?ZXZpbC5leGU=?=] x\r\n"},
+      {"encoded word with a language", "Content-Type: text/plain; name=\"a=?US-ASCII*EN?Q?b?=c.exe\"", "x",
+       "text/plain [abc.exe] x\r\n", "text/plain [a=?US-ASCII*EN?Q?b?=c.exe] x\r\n"},
       {"filename before name", "Content-Type: text/plain; name=a.txt|Content-Disposition: inline; filename=b.exe",
        "x", "text/plain [b.exe|a.txt] x\r\n", "text/plain [a.txt] x\r\n"},
       {"two filenames and two fields",
