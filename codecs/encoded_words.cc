@@ -123,17 +123,9 @@ bool find_word(std::string_view value, size_t position, Marker_search& memo, siz
 // Decodes one word into wide text; false if it is bad.
 bool decode_word(const std::string& charset, const std::string& encoding, const std::string& text,
                  std::string& bytes, Vek_wstring& wide) {
-  Vek_status status;
-  Mib_charset set = mib_display_name(vek_stow(charset), status);
-  if (!status.ok()) {
-    if (!vek_string_equal_nc(charset, "ascii")) return false;
-    status.clear();
-    set = 0;
-  }
   const bool decoded =
       vek_string_equal_nc(encoding, "Q") ? decode_q_text(text, bytes) : decode_b_text(text, bytes);
-  if (!decoded) return false;
-  return mib_charset_to_unicode(set, bytes, wide, status) && status.ok();
+  return decoded && charset_to_wide(charset, bytes, wide);
 }
 
 bool is_folding_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
@@ -178,6 +170,17 @@ void decode_encoded_words(std::string_view value, Vek_wstring& result) {
     position = end;
     after_word = true;
   }
+}
+
+bool charset_to_wide(std::string_view charset, std::string_view bytes, Vek_wstring& wide) {
+  Vek_status status;
+  Mib_charset set = mib_display_name(vek_stow(charset), status);
+  if (!status.ok()) {
+    if (!vek_string_equal_nc(charset, "ascii")) return false;
+    status.clear();
+    set = 0;
+  }
+  return mib_charset_to_unicode(set, bytes, wide, status) && status.ok();
 }
 
 bool decode_q_text(std::string_view text, std::string& bytes) {

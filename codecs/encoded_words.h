@@ -28,6 +28,12 @@ void decode_encoded_words(std::string_view value, Vek_wstring& result);
 bool next_encoded_word(std::string_view value, size_t position, size_t& start, size_t& end,
                        std::string& charset, std::string& encoding, std::string& text);
 
+// Replaces `wide` by `bytes` read in the character set named `charset`
+// (any name or alias the character set library knows, or "ascii"); false
+// when the name is unknown. Parameter values of RFC 2231 carry their
+// charset this way as well.
+bool charset_to_wide(std::string_view charset, std::string_view bytes, Vek_wstring& wide);
+
 // Replaces `bytes` by the decoded Q text `text`; false on a bad escape.
 bool decode_q_text(std::string_view text, std::string& bytes);
 

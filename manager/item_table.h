@@ -28,6 +28,7 @@ inline constexpr uint32_t smtp_item_body = 2;        // the body
 inline constexpr uint32_t smtp_item_added_body = 3;  // a body the handler added itself
 inline constexpr uint32_t smtp_item_attachment = 4;  // an attachment, or the body of a non-message
 inline constexpr uint32_t smtp_item_block_rest = 5;  // a text body from its first encoded block on
+inline constexpr uint32_t smtp_item_extra_reading = 6;  // another reading of bytes that another record holds: for the host to classify, never written back
 
 // A length or line count that is not known (after a replacement).
 inline constexpr uint32_t smtp_unknown_count = 0xFFFFFFFF;

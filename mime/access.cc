@@ -1,15 +1,135 @@
 // Part access: the host walks, reads and replaces the records of an entity.
+#include <algorithm>
 #include <memory>
 
+#include "codecs/encoded_words.h"
 #include "contracts/zor.h"
 #include "manager/table_access.h"
 #include "mime/rfc1521_handler.h"
+#include "reader/content_type_repair.h"
+#include "reader/field_parsers.h"
 
 namespace {
 
 constexpr const char* smtp_handler_class = "Smtp_rfc1521_handler";
 
+// The properties of the names of the content besides ItemName, in the
+// order of preference: an item holds one value per property name, so the
+// second alternate is "ItemAlternateName2", and so on.
+constexpr std::u16string_view smtp_item_alternate_name = u"ItemAlternateName";
+
+// Names kept per entity. The readings below give at most 25 (two fields of
+// each kind, two readings of each, three names per reading, and the
+// "begin" line); the bound only guards that count.
+constexpr size_t smtp_max_file_names = 32;
+
+void add_name(std::vector<Vek_wstring>& names, Vek_wstring name) {
+  if (name.empty() || names.size() >= smtp_max_file_names) return;
+  if (std::find(names.begin(), names.end(), name) != names.end()) return;
+  names.push_back(std::move(name));
+}
+
+// RFC 2231, section 5: an encoded word may name a language behind its
+// charset ("=?US-ASCII*EN?Q?...?="). The language says nothing about the
+// bytes, and Thunderbird drops it; so does this copy of `value`.
+std::string without_word_languages(std::string_view value) {
+  std::string out;
+  out.reserve(value.size());
+  size_t i = 0;
+  while (i < value.size()) {
+    const size_t open = value.find("=?", i);
+    if (open == std::string_view::npos) break;
+    const size_t charset_end = value.find('?', open + 2);
+    if (charset_end == std::string_view::npos) break;
+    const size_t star = value.substr(0, charset_end).find('*', open + 2);
+    out.append(value, i, (star != std::string_view::npos ? star : charset_end) - i);
+    i = charset_end;
+  }
+  out.append(value, i);
+  return out;
+}
+
+// A name as clients show it. A plain value may hold RFC 2047 encoded
+// words, which Outlook and Thunderbird write into quoted file names and
+// every client decodes; an RFC 2231 value has its charset instead.
+Vek_wstring name_text(const Smtp_parameter_value& value) {
+  if (!value.extended && value.bytes.find("=?") != std::string::npos) {
+    Vek_wstring text;
+    decode_encoded_words(without_word_languages(value.bytes), text);
+    return text;
+  }
+  return parameter_text(value);
+}
+
+void add_plain_name(std::vector<Vek_wstring>& names, const Smtp_header_field& parameter) {
+  Smtp_parameter_value plain;
+  plain.bytes = parameter.value;
+  add_name(names, name_text(plain));
+}
+
+// The names that `attribute` gives in one list of parameters: its RFC 2231
+// value, then the first and the last plain parameter of that name (beside
+// an extended value the plain one is what older Outlook shows, and of two
+// plain ones clients take either the first or the last).
+void add_parameter_names(std::vector<Vek_wstring>& names, const std::vector<Smtp_header_field>& parameters,
+                         std::string_view attribute) {
+  Smtp_parameter_value value;
+  if (find_parameter_value(parameters, attribute, value)) add_name(names, name_text(value));
+  const Smtp_header_field* first = nullptr;
+  const Smtp_header_field* last = nullptr;
+  for (const Smtp_header_field& parameter : parameters) {
+    if (!vek_string_equal_nc(parameter.name, attribute)) continue;
+    if (first == nullptr) first = &parameter;
+    last = &parameter;
+  }
+  if (first != nullptr) add_plain_name(names, *first);
+  if (last != first) add_plain_name(names, *last);
+}
+
+// The names in one field, as the parser reads it and as a split at ';'
+// reads it, which keeps an unquoted name with blanks, parentheses or
+// tspecials whole.
+void add_field_names(std::vector<Vek_wstring>& names, const std::string& value, bool content_type) {
+  const std::string_view attribute = content_type ? "name" : "filename";
+  std::string head, type, subtype;
+  std::vector<Smtp_header_field> parameters;
+  Vek_status status;
+  if (content_type) {
+    std::string repaired = value;
+    repair_content_type(repaired);
+    parse_content_type(repaired, type, subtype, parameters, status);
+  } else {
+    parse_content_disposition(value, head, parameters, status);
+  }
+  // A list cut short by a failure still holds what came before it.
+  add_parameter_names(names, parameters, attribute);
+  split_parameters(value, head, parameters);
+  add_parameter_names(names, parameters, attribute);
+}
+
+// The names of the last field of a kind (the one this handler reads), then
+// of the first (the one Thunderbird and Python's email package read).
+void add_fields_names(std::vector<Vek_wstring>& names, const std::vector<std::string>& values,
+                      bool content_type) {
+  if (values.empty()) return;
+  add_field_names(names, values.back(), content_type);
+  if (values.size() > 1) add_field_names(names, values.front(), content_type);
+}
+
 }  // namespace
+
+void Smtp_rfc1521_handler::collect_file_names(const std::vector<std::string>& content_types,
+                                              const std::vector<std::string>& dispositions,
+                                              std::string_view block_name) {
+  file_names_.clear();
+  // Clients name an attachment by the disposition's "filename" before the
+  // type's "name" (RFC 2183, section 2.3).
+  add_fields_names(file_names_, dispositions, false);
+  add_fields_names(file_names_, content_types, true);
+  Smtp_parameter_value block;
+  block.bytes = block_name;
+  add_name(file_names_, parameter_text(block));
+}
 
 bool Smtp_rfc1521_handler::has_items(Fmg_item&, Vek_status& status) {
   status.clear();
@@ -42,12 +162,26 @@ Vek_buffer* Smtp_rfc1521_handler::get_item(uint32_t& position, Fmg_item& item, V
       item.set_property(ZOR_ENCLOSED_MIME_TYPE, vek_stow(record.mime_type));
       item.set_property(ZOR_ENCLOSED_MIME_SUBTYPE, vek_stow(record.mime_subtype));
     } else {
-      // The content of this entity. A file name reaches the host from the
-      // "name" parameter only, as written.
+      // The content of this entity.
       item.set_property(ZOR_MIME_TYPE, vek_stow(mime_type_));
       item.set_property(ZOR_MIME_SUBTYPE, vek_stow(mime_subtype_));
-      if (const Smtp_header_field* name = find_parameter(parameters_, "name"))
+      if (profile_.file_names_as_clients_read_them) {
+        if (!file_names_.empty()) item.set_property(ZOR_ITEM_NAME, file_names_.front());
+        for (size_t i = 1; i < file_names_.size(); ++i) {
+          Vek_wstring property(smtp_item_alternate_name);
+          if (i > 1) property += vek_stow(std::to_string(i));
+          item.set_property(property, file_names_[i]);
+        }
+      } else if (const Smtp_header_field* name = find_parameter(parameters_, "name")) {
+        // The reference names the content by the "name" parameter alone, as
+        // written.
         item.set_property(ZOR_ITEM_NAME, vek_stow(name->value));
+      }
+      // A message with UTF-8 headers (RFC 6532) is a message all the same:
+      // the host offers message/rfc822 as one by itself, this one on our word.
+      if (profile_.message_global_is_message && vek_string_equal_nc(mime_type_, "message") &&
+          vek_string_equal_nc(mime_subtype_, "global"))
+        item.add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
       if (vek_string_equal_nc(mime_type_, "text"))
         item.set_property(ZOR_ITEM_CHARSET, charset_or(u"US-ASCII"));
     }
@@ -71,8 +205,9 @@ bool Smtp_rfc1521_handler::can_modify_item(uint32_t position, Fmg_item&, Vek_sta
   status.clear();
   test_table_position(table_, position, smtp_handler_class, "can_modify_item");
   // A changed part would break a signature, and a certificate is no content
-  // to be changed.
-  return position >= table_.header_item_count && !is_signed_ && !is_certificate_;
+  // to be changed. Another reading of a body is never written back.
+  return position >= table_.header_item_count && !is_signed_ && !is_certificate_ &&
+         table_.at_position(position).type != smtp_item_extra_reading;
 }
 
 bool Smtp_rfc1521_handler::is_item_modified(uint32_t position, Fmg_item&, Vek_status& status) {

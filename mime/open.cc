@@ -8,11 +8,13 @@
 #include "codecs/encoded_words.h"
 #include "codecs/quoted_printable.h"
 #include "contracts/zor.h"
+#include "encoding/block_scanner.h"
 #include "manager/header_export.h"
 #include "manager/table_access.h"
 #include "mime/rfc1521_handler.h"
 #include "reader/content_type_repair.h"
 #include "reader/field_parsers.h"
+#include "reader/tokeniser.h"
 
 namespace {
 
@@ -22,6 +24,69 @@ constexpr uint32_t smtp_log_severity = 2;
 // Converts an exported header value for the host: a MIME message may carry
 // RFC 2047 encoded words in its fields, which the host gets decoded.
 void decode_header_value(std::string_view value, Vek_wstring& text) { decode_encoded_words(value, text); }
+
+// The first word of a field value as mail clients take it when the value
+// does not parse: behind any blanks and an opening quote, the bytes up to
+// the first that cannot stand in an atom ("base64 (x)", "\"base64\"",
+// "attachment filename=a").
+std::string first_word(std::string_view value) {
+  size_t start = 0;
+  while (start < value.size() && (value[start] == ' ' || value[start] == '\t' || value[start] == '"')) ++start;
+  size_t end = start;
+  while (end < value.size() && is_atom_char(value[end], false) && value[end] != ' ' && value[end] != '\t')
+    ++end;
+  return std::string(value.substr(start, end - start));
+}
+
+// A Content-Type that does not parse, read by a split at ';': the head
+// counts where it is "type/subtype" (comments aside), else the content is
+// application/octet-stream, the type of bytes nobody can tell.
+void read_content_type_leniently(std::string_view value, std::string& type, std::string& subtype,
+                                 std::vector<Smtp_header_field>& parameters) {
+  std::string head;
+  split_parameters(value, head, parameters);
+  Smtp_token_list tokens;
+  Vek_status status;
+  tokenise_field(head, false, false, tokens, status);
+  if (status.ok() && tokens.count() == 3 && tokens[0].type == token_atom && tokens[1].type == token_special &&
+      tokens[1].text == "/" && tokens[2].type == token_atom) {
+    type = tokens[0].text;
+    subtype = tokens[2].text;
+  } else {
+    type = "application";
+    subtype = "octet-stream";
+  }
+}
+
+// How a transfer encoding makes the bytes of a body: decoded as
+// quoted-printable, as Base64, or taken as they stand.
+enum class Smtp_decoding { raw, quoted_printable, base64 };
+
+Smtp_decoding decoding_of(std::string_view encoding) {
+  if (vek_string_equal_nc(encoding, "quoted-printable")) return Smtp_decoding::quoted_printable;
+  if (vek_string_equal_nc(encoding, "base64")) return Smtp_decoding::base64;
+  return Smtp_decoding::raw;
+}
+
+// The transfer encodings of uuencode that mailers wrote before MIME had one.
+bool is_uuencode(std::string_view encoding) {
+  return vek_string_equal_nc(encoding, "x-uuencode") || vek_string_equal_nc(encoding, "uuencode") ||
+         vek_string_equal_nc(encoding, "x-uue") || vek_string_equal_nc(encoding, "uue");
+}
+
+// The file name in the "begin" line of the first closed frame of a body
+// from `start` on; empty when the scanner finds none.
+std::string first_block_name(Vek_buffer* data, uint64_t start) {
+  Vek_status status;
+  Vek_buffered_istream stream(data, true, status, vek_eol_crlf);
+  if (!status.ok()) return std::string();
+  stream.seek(start);
+  Smtp_block_scanner scanner;
+  scanner.scan(stream);
+  while (auto block = scanner.next_block())
+    if (block->encoded) return block->name;
+  return std::string();
+}
 
 }  // namespace
 
@@ -63,6 +128,7 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   // A value worked out for other data would be wrong for this one.
   new_content_type_.clear();
   parameters_.clear();
+  file_names_.clear();
 
   Vek_buffered_istream stream(data, true, status, vek_eol_lf);
   if (!status.ok()) return;
@@ -70,6 +136,12 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   std::string content_type;
   std::string transfer_encoding;
   std::string disposition_text;
+  // Every value of these two fields: clients differ on which one counts,
+  // and a name in any of them is one that some client shows.
+  std::vector<std::string> content_types;
+  std::vector<std::string> dispositions;
+  std::string first_transfer_encoding;
+  size_t transfer_encoding_count = 0;
   {
     std::vector<Smtp_header_field> fields;
     // A block that the reader refuses counts for nothing: the entity is
@@ -80,12 +152,16 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
         if (is_message_ && is_exported_header(export_headers_, field.name))
           export_header_field(table_, field, decode_header_value, status);
         // The last of several fields of a name counts.
-        if (vek_string_equal_nc(field.name, "Content-Type"))
+        if (vek_string_equal_nc(field.name, "Content-Type")) {
           content_type = field.value;
-        else if (vek_string_equal_nc(field.name, "Content-Transfer-Encoding"))
+          if (profile_.file_names_as_clients_read_them) content_types.push_back(field.value);
+        } else if (vek_string_equal_nc(field.name, "Content-Transfer-Encoding")) {
           transfer_encoding = field.value;
-        else if (vek_string_equal_nc(field.name, "Content-Disposition"))
+          if (transfer_encoding_count++ == 0) first_transfer_encoding = field.value;
+        } else if (vek_string_equal_nc(field.name, "Content-Disposition")) {
           disposition_text = field.value;
+          if (profile_.file_names_as_clients_read_them) dispositions.push_back(field.value);
+        }
       }
     }
   }
@@ -106,6 +182,8 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
     }
     content_type = type_text.empty() ? std::string("text/plain") : type_text + "/" + subtype_text;
   }
+  // Clients never see the repair: the lenient reading splits what was sent.
+  const std::string sent_content_type = profile_.bad_content_type_read_leniently ? content_type : std::string();
   content_type_repaired_ = repair_content_type(content_type);
 
   bool malformed = false;
@@ -113,7 +191,10 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   if (!status.ok()) {
     item.log(33, smtp_log_severity, source_name_, status);
     status.clear();
-    malformed = true;
+    if (profile_.bad_content_type_read_leniently)
+      read_content_type_leniently(sent_content_type, mime_type_, mime_subtype_, parameters_);
+    else
+      malformed = true;
   }
 
   std::string disposition;
@@ -122,7 +203,15 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
     // A disposition that does not parse is a failure of the opening: the
     // manager then keeps the entity with no sub-items.
     parse_content_disposition(disposition_text, disposition, disposition_parameters, status);
-    if (!status.ok()) return;
+    if (!status.ok()) {
+      if (!profile_.bad_disposition_read_leniently) return;
+      // Only what the field says is lost; the rest of the entity stands.
+      item.log(33, smtp_log_severity, source_name_, status);
+      status.clear();
+      std::string head;
+      split_parameters(disposition_text, head, disposition_parameters);
+      disposition = first_word(head);
+    }
   }
 
   classify_secure_entity(disposition_parameters, status);
@@ -138,11 +227,26 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
     if (!status.ok()) {
       item.log(33, smtp_log_severity, source_name_, status);
       status.clear();
-      malformed = true;
+      if (profile_.transfer_encoding_by_first_word) {
+        encoding_ = first_word(transfer_encoding);
+        if (encoding_.empty()) encoding_ = "7bit";
+      } else {
+        malformed = true;
+      }
     }
+  }
+  if (profile_.file_names_as_clients_read_them && !vek_string_equal_nc(mime_type_, "multipart")) {
+    // Only content is named; the parts of a multipart name themselves.
+    // A uuencoded body names its file in its "begin" line, which is the
+    // name a client gives the file it decodes from it.
+    std::string block_name;
+    if (profile_.transfer_encoding_by_first_word && is_uuencode(encoding_))
+      block_name = first_block_name(data, stream.tell());
+    collect_file_names(content_types, dispositions, block_name);
   }
 
   const bool is_body = vek_string_equal_nc(disposition, "attachment") ? false : is_message_;
+  const uint64_t body_start = stream.tell();
   if (!malformed) {
     if (vek_string_equal_nc(mime_type_, "multipart")) {
       open_multipart(stream, item, status);
@@ -159,6 +263,16 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
           add_body(status, table_.items, table_.item_order, std::move(body), mime_type_, mime_subtype_,
                    encoding_, is_message_ ? smtp_item_body : smtp_item_attachment);
       if (status.ok()) table_.body_index = index;
+    }
+    if (profile_.every_transfer_encoding_reading && transfer_encoding_count > 1 && status.ok() &&
+        !vek_string_equal_nc(mime_type_, "multipart")) {
+      // Clients that read the first of two fields decode the body their way.
+      std::string first;
+      Vek_status parsed;
+      parse_transfer_encoding(first_transfer_encoding, first, parsed);
+      if (!parsed.ok() && profile_.transfer_encoding_by_first_word) first = first_word(first_transfer_encoding);
+      if (!first.empty() && decoding_of(first) != decoding_of(encoding_))
+        add_extra_reading(body_start, first);
     }
     // The host gets the main body last; item_order is still 0, 1, 2...
     move_body_last(table_);
@@ -229,4 +343,33 @@ void Smtp_rfc1521_handler::decode_base64_body(Vek_istream& stream, Fmg_item& ite
     item.log(33, smtp_log_severity, source_name_, status);
     status.clear();
   }
+}
+
+// The body from `start` on read by another transfer encoding, as a record
+// that the host classifies and rebuild never writes. Data that do not
+// decode that way give no record: no client shows them either.
+void Smtp_rfc1521_handler::add_extra_reading(uint64_t start, const std::string& encoding) {
+  std::unique_ptr<Vek_buffer> bytes;
+  const Smtp_decoding decoding = decoding_of(encoding);
+  if (decoding == Smtp_decoding::raw) {
+    bytes = std::make_unique<Vek_sub_buffer>(data, start, vek_to_end);
+  } else {
+    Vek_status step;
+    Vek_buffered_istream input(data, true, step, vek_eol_lf);
+    auto decoded = std::make_unique<Vek_page_buffer>(0, 128);
+    Vek_ostream out(decoded.get(), step, vek_eol_crlf);
+    const uint64_t size = step.ok() ? input.size(step) : 0;
+    const uint64_t length = size > start ? size - start : 0;
+    if (step.ok() && decoding == Smtp_decoding::quoted_printable)
+      decode_quoted_printable(input, out, start, length, step);
+    else if (step.ok())
+      decode_base64(input, out, start, length, step);
+    if (!step.ok()) return;
+    out.detach();
+    bytes = std::move(decoded);
+  }
+  const auto length = static_cast<uint32_t>(bytes->size());
+  const uint32_t index = add_item_record(table_.items, smtp_item_extra_reading, std::move(bytes), length,
+                                         mime_type_, mime_subtype_, encoding, std::string());
+  table_.item_order.push_back(index);
 }

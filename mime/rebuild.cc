@@ -51,7 +51,7 @@ constexpr size_t smtp_scan_block = 4096;
 // Whether a record is part of the content that the writers put out. A body
 // that the handler added itself counts only once the host filled it.
 bool is_content_record(const Smtp_item_record& record) {
-  if (record.type == smtp_item_header) return false;
+  if (record.type == smtp_item_header || record.type == smtp_item_extra_reading) return false;
   return record.type != smtp_item_added_body || record.modified;
 }
 
@@ -143,7 +143,8 @@ bool Smtp_rfc1521_handler::has_eight_bit_text(const Vek_wstring& charset, Vek_st
     return false;
   }
   for (const auto& record : table_.items) {
-    if (record->type == smtp_item_header || record->buffer == nullptr) continue;
+    if (record->type == smtp_item_header || record->type == smtp_item_extra_reading || record->buffer == nullptr)
+      continue;
     const Vek_buffer& buffer = *record->buffer;
     const uint64_t size = record->length == smtp_unknown_count
                               ? buffer.size()

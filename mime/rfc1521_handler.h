@@ -93,8 +93,11 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
   void clear_items();
   void decode_quoted_printable_body(Vek_istream& stream, Fmg_item& item, bool is_body, Vek_status& status);
   void decode_base64_body(Vek_istream& stream, Fmg_item& item, bool is_body, Vek_status& status);
+  void add_extra_reading(uint64_t start, const std::string& encoding);
   // Access (access.cc).
   Vek_wstring charset_or(std::u16string_view fallback) const;
+  void collect_file_names(const std::vector<std::string>& content_types,
+                          const std::vector<std::string>& dispositions, std::string_view block_name);
   // Signed and encrypted entities (secure.cc).
   void classify_secure_entity(const std::vector<Smtp_header_field>& disposition_parameters,
                               Vek_status& status);
@@ -134,6 +137,9 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
   std::string new_content_type_;
   // The parameters of the "Content-Type" field, in order of appearance.
   std::vector<Smtp_header_field> parameters_;
+  // Every name a mail client may show for the content, the one clients
+  // prefer first; filled only where the profile reads names as clients do.
+  std::vector<Vek_wstring> file_names_;
 };
 
 // The factory that the module hands to the manager: a new handler, owned

@@ -50,8 +50,10 @@ void Smtp_rfc1521_handler::classify_secure_entity(
     }
   } else if (vek_string_equal_nc(mime_subtype_, "pkcs10") || vek_string_equal_nc(mime_subtype_, "x-pkcs10")) {
     is_certificate_ = true;
-  } else if (vek_string_equal_nc(mime_subtype_, "octet-stream")) {
+  } else if (vek_string_equal_nc(mime_subtype_, "octet-stream") && !profile_.secure_by_type_only) {
     // Only the name can tell; an unknown one leaves an ordinary attachment.
+    // Any sender can give a file such a name, and the hardened reading
+    // does not let a name alone hide a body.
     classify_by_file_name(disposition_parameters);
   }
 }

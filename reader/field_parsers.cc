@@ -19,8 +19,10 @@
 // - A domain literal is taken as a parameter value, brackets included.
 #include "reader/field_parsers.h"
 
+#include <algorithm>
 #include <limits>
 
+#include "codecs/encoded_words.h"
 #include "reader/tokeniser.h"
 
 namespace {
@@ -202,3 +204,200 @@ void parse_encoding_field(std::string_view value, std::vector<Smtp_encoding_entr
 }
 
 std::string unquote_value(std::string_view text) { return vek_unquote(text); }
+
+namespace {
+
+bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+std::string_view trim_blanks(std::string_view text) {
+  while (!text.empty() && is_blank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && is_blank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+// The end of the piece that starts at `from`: the first ';' outside a
+// quoted string, or the end of the value. A backslash in a quoted string
+// takes the byte behind it along.
+size_t piece_end(std::string_view value, size_t from) {
+  bool quoted = false;
+  for (size_t i = from; i < value.size(); ++i) {
+    const char c = value[i];
+    if (quoted && c == '\\') {
+      ++i;
+    } else if (c == '"') {
+      quoted = !quoted;
+    } else if (c == ';' && !quoted) {
+      return i;
+    }
+  }
+  return value.size();
+}
+
+// A quoted value up to its closing quote, or to its end without one.
+std::string unquote_leniently(std::string_view text) {
+  std::string out;
+  for (size_t i = 1; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '"') break;
+    if (c == '\\' && i + 1 < text.size()) ++i;
+    out.push_back(text[i]);
+  }
+  return out;
+}
+
+int hex_digit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+// Resolves the %XX escapes of an extended value; a '%' without two hex
+// digits behind it stays, as clients leave it.
+void append_percent_decoded(std::string_view text, std::string& out) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '%' && i + 2 < text.size()) {
+      const int high = hex_digit(text[i + 1]);
+      const int low = hex_digit(text[i + 2]);
+      if (high >= 0 && low >= 0) {
+        out.push_back(static_cast<char>(high * 16 + low));
+        i += 2;
+        continue;
+      }
+    }
+    out.push_back(text[i]);
+  }
+}
+
+// Splits "charset'language'text" into charset and text; a value without
+// the two quotes is all text.
+void split_extended(std::string_view value, std::string& charset, std::string_view& text) {
+  const size_t first = value.find('\'');
+  const size_t second = first == std::string_view::npos ? first : value.find('\'', first + 1);
+  if (second == std::string_view::npos) {
+    charset.clear();
+    text = value;
+    return;
+  }
+  charset.assign(value.substr(0, first));
+  text = value.substr(second + 1);
+}
+
+// The section number of an attribute "name*N" or "name*N*" (N decimal, no
+// sign); -1 for anything else. `extended` tells the trailing '*'.
+int64_t section_number(std::string_view attribute, std::string_view name, bool& extended) {
+  if (attribute.size() < name.size() + 2 || !vek_string_equal_nc(attribute.substr(0, name.size()), name) ||
+      attribute[name.size()] != '*')
+    return -1;
+  std::string_view digits = attribute.substr(name.size() + 1);
+  extended = !digits.empty() && digits.back() == '*';
+  if (extended) digits.remove_suffix(1);
+  if (digits.empty() || digits.size() > 4) return -1;
+  int64_t number = 0;
+  for (char c : digits) {
+    if (c < '0' || c > '9') return -1;
+    number = number * 10 + (c - '0');
+  }
+  return number;
+}
+
+bool is_valid_utf8(std::string_view bytes) {
+  size_t i = 0;
+  while (i < bytes.size()) {
+    const auto lead = static_cast<unsigned char>(bytes[i]);
+    size_t length = 0;
+    if (lead < 0x80) length = 1;
+    else if (lead >= 0xc2 && lead <= 0xdf) length = 2;
+    else if (lead >= 0xe0 && lead <= 0xef) length = 3;
+    else if (lead >= 0xf0 && lead <= 0xf4) length = 4;
+    else return false;
+    if (i + length > bytes.size()) return false;
+    for (size_t k = 1; k < length; ++k)
+      if ((static_cast<unsigned char>(bytes[i + k]) & 0xc0) != 0x80) return false;
+    i += length;
+  }
+  return true;
+}
+
+}  // namespace
+
+void split_parameters(std::string_view value, std::string& head, std::vector<Smtp_header_field>& parameters) {
+  parameters.clear();
+  size_t end = piece_end(value, 0);
+  head.assign(trim_blanks(value.substr(0, end)));
+  while (end < value.size()) {
+    const size_t start = end + 1;
+    end = piece_end(value, start);
+    const std::string_view piece = value.substr(start, end - start);
+    const size_t equals = piece.find('=');
+    if (equals == std::string_view::npos) continue;
+    const std::string_view attribute = trim_blanks(piece.substr(0, equals));
+    const std::string_view text = trim_blanks(piece.substr(equals + 1));
+    if (attribute.empty()) continue;
+    parameters.push_back(Smtp_header_field{
+        std::string(attribute), !text.empty() && text.front() == '"' ? unquote_leniently(text) : std::string(text)});
+  }
+}
+
+bool find_parameter_value(const std::vector<Smtp_header_field>& parameters, std::string_view name,
+                          Smtp_parameter_value& value) {
+  value = Smtp_parameter_value{};
+  // RFC 2231, section 4: "name*" is one extended value.
+  for (const Smtp_header_field& parameter : parameters) {
+    if (parameter.name.size() != name.size() + 1 || parameter.name.back() != '*' ||
+        !vek_string_equal_nc(std::string_view(parameter.name).substr(0, name.size()), name))
+      continue;
+    std::string_view text;
+    split_extended(parameter.value, value.charset, text);
+    append_percent_decoded(text, value.bytes);
+    value.extended = true;
+    return true;
+  }
+  // RFC 2231, section 3: sections "name*0", "name*1"..., the first of
+  // several with the same number counting; they join from 0 up to the
+  // first gap.
+  std::vector<const Smtp_header_field*> sections;
+  std::vector<bool> extended_sections;
+  for (const Smtp_header_field& parameter : parameters) {
+    bool extended = false;
+    const int64_t number = section_number(parameter.name, name, extended);
+    if (number < 0 || static_cast<size_t>(number) >= smtp_max_parameter_sections) continue;
+    const auto index = static_cast<size_t>(number);
+    if (index >= sections.size()) {
+      sections.resize(index + 1, nullptr);
+      extended_sections.resize(index + 1, false);
+    }
+    if (sections[index] != nullptr) continue;
+    sections[index] = &parameter;
+    extended_sections[index] = extended;
+  }
+  if (!sections.empty() && sections[0] != nullptr) {
+    value.extended = true;
+    for (size_t i = 0; i < sections.size() && sections[i] != nullptr; ++i) {
+      if (!extended_sections[i]) {
+        value.bytes.append(sections[i]->value);
+        continue;
+      }
+      std::string_view text = sections[i]->value;
+      // Only the first section carries charset and language.
+      if (i == 0) split_extended(sections[i]->value, value.charset, text);
+      append_percent_decoded(text, value.bytes);
+    }
+    return true;
+  }
+  for (const Smtp_header_field& parameter : parameters) {
+    if (!vek_string_equal_nc(parameter.name, name)) continue;
+    value.bytes = parameter.value;
+    return true;
+  }
+  return false;
+}
+
+Vek_wstring parameter_text(const Smtp_parameter_value& value) {
+  Vek_wstring text;
+  if (!value.charset.empty() && charset_to_wide(value.charset, value.bytes, text)) return text;
+  const bool ascii = std::all_of(value.bytes.begin(), value.bytes.end(),
+                                 [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (!ascii && is_valid_utf8(value.bytes) && charset_to_wide("UTF-8", value.bytes, text)) return text;
+  return vek_stow(value.bytes);
+}

@@ -44,4 +44,42 @@ void parse_encoding_field(std::string_view value, std::vector<Smtp_encoding_entr
 // The text of a quoted-string token without its quotes, quoted pairs resolved.
 std::string unquote_value(std::string_view text);
 
+// A Content-Type or Content-Disposition value split the way mail clients
+// split it (Thunderbird, Python's email package): at every ';' outside a
+// quoted string. `head` is the text in front of the first ';', trimmed.
+// Each further piece "attribute=value" gives a parameter: the attribute
+// trimmed; the value trimmed and, if it opens with a double quote, taken up
+// to the closing quote with quoted pairs resolved (to its end when no quote
+// closes it), else taken whole, blanks, parentheses and tspecials included.
+// A piece without '=' is passed over. Never fails; where the grammar of
+// RFC 2045 holds, the result is that of the parsers above.
+void split_parameters(std::string_view value, std::string& head, std::vector<Smtp_header_field>& parameters);
+
+// An RFC 2231 parameter value: sections joined, %XX escapes resolved.
+struct Smtp_parameter_value {
+  std::string bytes;       // the value's bytes, in `charset`
+  std::string charset;     // the charset of an extended value; empty otherwise
+  bool extended = false;   // read from "name*" or from "name*0", "name*1"...
+};
+
+// RFC 2231 sections beyond this number are ignored: a value needs a
+// handful (one per folded line), and the number would otherwise size the
+// table of sections from text an attacker writes.
+inline constexpr size_t smtp_max_parameter_sections = 1000;
+
+// The value of the parameter `name` (any case) under RFC 2231: "name*"
+// (charset'language'%XX...), else the sections "name*0", "name*1"... (each
+// plain or, with a trailing '*', %XX-escaped; the charset stands in the
+// first), joined as far as their numbers run without a gap, else the plain
+// "name". False when there is none of these. Boundaries and file names are
+// read through this.
+bool find_parameter_value(const std::vector<Smtp_header_field>& parameters, std::string_view name,
+                          Smtp_parameter_value& value);
+
+// The text of a parameter value for the host: the bytes in the value's
+// charset; with no charset (or one the library does not know), UTF-8 where
+// the bytes are valid UTF-8 (RFC 6532 mail writes them raw), else one
+// character per byte.
+Vek_wstring parameter_text(const Smtp_parameter_value& value);
+
 #endif  // SMTPFM_READER_FIELD_PARSERS_H_

@@ -33,6 +33,53 @@ struct Smtp_profile {
 
   // -- Types, transfer encodings and file names -----------------------------
 
+  // The content of an entity is named the way mail clients name it: from
+  // the "filename" of its Content-Disposition first, then the "name" of its
+  // Content-Type, each read under RFC 2231 (charset, %XX escapes, sections
+  // "filename*0*"...) and with RFC 2047 encoded words decoded, from every
+  // such field and also split at ';' alone as clients split it (an unquoted
+  // name with blanks or tspecials). ItemName is the first of these names,
+  // and the others go out as "ItemAlternateName", "ItemAlternateName2"...
+  // (an item holds one value per property name). Thunderbird, Apple
+  // Mail, Outlook and Gmail show the disposition's file name, decoded; the
+  // reference names an attachment by the raw "name" alone, so a policy on
+  // names never sees "filename=evil.exe".
+  bool file_names_as_clients_read_them = false;
+  // A Content-Type that does not parse, also after repair, is read by a
+  // split at ';': its type and subtype where the text in front of the
+  // first ';' is "type/subtype", else application/octet-stream, and the
+  // body is decoded by its transfer encoding all the same. Clients show
+  // such a body (as a download where the type is lost); the reference
+  // leaves the entity without any body.
+  bool bad_content_type_read_leniently = false;
+  // A Content-Disposition that does not parse loses only what it could
+  // say: its type and parameters are read by a split at ';' and the entity
+  // is opened as usual. Clients ignore a broken disposition; the reference
+  // fails the whole entity, which then shows the host nothing.
+  bool bad_disposition_read_leniently = false;
+  // Only the types of S/MIME (application/pkcs7-mime, pkcs10, multipart
+  // /encrypted...) make an entity encrypted, signed or a certificate; an
+  // application/octet-stream named "*.p7m" is an ordinary attachment,
+  // decoded and replaceable. Clients offer it as a file to save.
+  bool secure_by_type_only = false;
+  // message/global (RFC 6532, a message with UTF-8 headers) is a message
+  // like message/rfc822: its sub-item is offered to the host as a message.
+  // Thunderbird, Apple Mail and Gmail open it as one.
+  bool message_global_is_message = false;
+  // A Content-Transfer-Encoding that is not a single atom ("base64 encoded",
+  // "\"base64\"", "base64;") counts by its first word, and a body in the
+  // uuencode family ("x-uuencode", "uuencode", "x-uue") stays raw, with the
+  // file name of its "begin" line among its names (where the block scanner
+  // finds a frame). Thunderbird reads the first word and decodes uuencode
+  // under the begin line's name; the reference drops a body whose encoding
+  // does not parse.
+  bool transfer_encoding_by_first_word = false;
+  // Of two Content-Transfer-Encoding fields the reference reads the last;
+  // Thunderbird and Python's email package read the first. Where the first
+  // decodes otherwise, the body read by it follows as an extra reading
+  // (a record that is never written back).
+  bool every_transfer_encoding_reading = false;
+
 
   // -- Decoding, embedded blocks and RFC 1505 bodies ------------------------
 
@@ -57,6 +104,13 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
 
 
   // Types, transfer encodings and file names.
+  p.file_names_as_clients_read_them = true;
+  p.bad_content_type_read_leniently = true;
+  p.bad_disposition_read_leniently = true;
+  p.secure_by_type_only = true;
+  p.message_global_is_message = true;
+  p.transfer_encoding_by_first_word = true;
+  p.every_transfer_encoding_reading = true;
 
 
   // Decoding, embedded blocks and RFC 1505 bodies.

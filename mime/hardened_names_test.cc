@@ -1,0 +1,150 @@
+// The hardened reading of types, transfer encodings and file names, set
+// against the reference reading of the same message.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "mime/test_support.h"
+
+namespace {
+
+using mime_test::crlf;
+using mime_test::property;
+
+const mime_test::Plugin& hardened_plugin() {
+  static const mime_test::Plugin plugin([] {
+    Host_options options;
+    options.hardened = true;
+    return options;
+  }());
+  return plugin;
+}
+
+// The content items of a single-part message: per item its type, its
+// names (ItemName, then the alternates, joined by "|") and its first bytes;
+// items joined by " + ". A message with none reads "-".
+std::string contents(const mime_test::Plugin& plugin, const std::string& text) {
+  auto tree = plugin.open(text);
+  std::string out;
+  for (const auto& child : tree->root().children) {
+    if (property(*child, ZOR_ITEM_TYPE) == vek_wtos(ZOR_HEADER_ITEM)) continue;
+    std::string names = property(*child, ZOR_ITEM_NAME);
+    for (int i = 1;; ++i) {
+      const std::string alternate = property(
+          *child, i == 1 ? u"ItemAlternateName" : u"ItemAlternateName" + vek_stow(std::to_string(i)));
+      if (alternate.empty()) break;
+      names += "|" + alternate;
+    }
+    if (!out.empty()) out += " + ";
+    out += property(*child, ZOR_MIME_TYPE) + "/" + property(*child, ZOR_MIME_SUBTYPE) + " [" + names + "] " +
+           std::string(child->bytes().substr(0, 4));
+  }
+  return out.empty() ? "-" : out;
+}
+
+std::string single(const std::string& headers, const std::string& body) {
+  return crlf("From: a@example.org|MIME-Version: 1.0|" + headers + "||" + body);
+}
+
+struct Case {
+  const char* name;
+  const char* headers;  // in the notation of crlf()
+  const char* body;
+  const char* hardened;
+  const char* reference;
+};
+
+TEST(HardenedNames, ContentAsClientsReadIt) {
+  const Case cases[] = {
+      {"disposition filename alone",
+       "Content-Type: application/octet-stream|Content-Disposition: attachment; filename=\"evil.exe\"|"
+       "Content-Transfer-Encoding: base64",
+       "TVohIQ==", "application/octet-stream [evil.exe] MZ!!", "application/octet-stream [] MZ!!"},
+      {"RFC 2231 value with charset", "Content-Type: text/plain; name*=iso-8859-1'en'caf%E9.txt", "x",
+       "text/plain [caf\xe9.txt] x\r\n", "text/plain [] x\r\n"},
+      {"RFC 2231 sections, extended and plain, out of order, up to a gap",
+       "Content-Type: text/plain|Content-Disposition: attachment; filename*1=\"-2\"; "
+       "filename*0*=utf-8''caf%C3%A9; filename*2=.scr; filename*4=.txt",
+       "x", "text/plain [caf\xe9-2.scr] x\r\n", "text/plain [] x\r\n"},
+      {"RFC 2231 beside a plain name", "Content-Type: text/plain; name=\"old.txt\"; name*=''new.exe", "x",
+       "text/plain [new.exe|old.txt] x\r\n", "text/plain [old.txt] x\r\n"},
+      {"encoded word in a name", "Content-Type: text/plain; name=\"=?utf-8?B?ZXZpbC5leGU=?=\"", "x",
+       "text/plain [evil.exe] x\r\n", "text/plain [=?utf-8?B?ZXZpbC5leGU=?=] x\r\n"},
+      {"encoded word with a language", "Content-Type: text/plain; name=\"a=?US-ASCII*EN?Q?b?=c.exe\"", "x",
+       "text/plain [abc.exe] x\r\n", "text/plain [a=?US-ASCII*EN?Q?b?=c.exe] x\r\n"},
+      {"filename before name", "Content-Type: text/plain; name=a.txt|Content-Disposition: inline; filename=b.exe",
+       "x", "text/plain [b.exe|a.txt] x\r\n", "text/plain [a.txt] x\r\n"},
+      {"two filenames and two fields",
+       "Content-Type: text/plain|Content-Disposition: inline; filename=a.txt; filename=b.exe|"
+       "Content-Disposition: inline; filename=c.scr",
+       "x", "text/plain [c.scr|a.txt|b.exe] x\r\n", "text/plain [] x\r\n"},
+      {"of many filenames the first and the last",
+       "Content-Type: text/plain|Content-Disposition: inline; filename=a; filename=b; filename=c", "x",
+       "text/plain [a|c] x\r\n", "text/plain [] x\r\n"},
+      {"unquoted name with a comment", "Content-Type: text/plain; name=my file (1).exe", "x",
+       "text/plain [my file .exe|my file (1).exe] x\r\n", "text/plain [my file .exe] x\r\n"},
+      {"type with a broken parameter", "Content-Type: application/x-foo; name=\"a.exe\"; junk|"
+       "Content-Transfer-Encoding: base64",
+       "TVohIQ==", "application/x-foo [a.exe] MZ!!", "-"},
+      {"type with no head", "Content-Type: /; name=\"b.exe|Content-Transfer-Encoding: base64", "TVohIQ==",
+       "application/octet-stream [b.exe] MZ!!", "-"},
+      {"multipart type with an unclosed quote: split as sent, not as repaired",
+       "Content-Type: multipart/mixed; boundary=\"XX", "--XX|Content-Type: text/plain||hi|--XX--",
+       "/ [] Cont", "-"},
+      {"broken disposition", "Content-Type: application/octet-stream|"
+       "Content-Disposition: attachment; filename=c@d.exe; size=(3|Content-Transfer-Encoding: base64",
+       "TVohIQ==", "application/octet-stream [c@d.exe] MZ!!", "-"},
+      {"octet-stream named like S/MIME", "Content-Type: application/octet-stream; name=smime.p7m|"
+       "Content-Transfer-Encoding: base64",
+       "TVohIQ==", "application/octet-stream [smime.p7m] MZ!!", "-"},
+      {"S/MIME by type stays encrypted", "Content-Type: application/pkcs7-mime; name=x.exe|"
+       "Content-Transfer-Encoding: base64",
+       "TVohIQ==", "-", "-"},
+      {"transfer encoding of two words", "Content-Type: application/octet-stream|"
+       "Content-Transfer-Encoding: base64 encoded",
+       "TVohIQ==", "application/octet-stream [] MZ!!", "-"},
+      {"transfer encoding quoted", "Content-Type: application/octet-stream|Content-Transfer-Encoding: \"Base64\"",
+       "TVohIQ==", "application/octet-stream [] MZ!!", "-"},
+      {"two transfer encodings: the first reading follows",
+       "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64|Content-Transfer-Encoding: 7bit",
+       "TVohIQ==", "application/octet-stream [] MZ!! + application/octet-stream [] TVoh",
+       "application/octet-stream [] TVoh"},
+      {"uuencode names its file", "Content-Type: application/octet-stream; name=u.bin|"
+       "Content-Transfer-Encoding: x-uuencode",
+       "begin 644 inner.exe|M35J0|`|end", "application/octet-stream [u.bin|inner.exe] begi",
+       "application/octet-stream [u.bin] begi"},
+  };
+  for (const Case& c : cases) {
+    const std::string text = single(c.headers, c.body);
+    EXPECT_EQ(contents(hardened_plugin(), text), c.hardened) << c.name;
+    EXPECT_EQ(contents(mime_test::plugin(), text), c.reference) << c.name;
+  }
+}
+
+TEST(HardenedNames, ExtraReadingIsNeitherReplacedNorWritten) {
+  const std::string text = single(
+      "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64|Content-Transfer-Encoding: 7bit",
+      "TVohIQ==");
+  auto tree = hardened_plugin().open(text);
+  std::string error;
+  ASSERT_EQ(tree->root().children.size(), 2u);
+  EXPECT_FALSE(tree->can_replace(*tree->root().children[0], error));
+  ASSERT_TRUE(tree->can_replace(*tree->root().children[1], error)) << error;
+  tree->replace(*tree->root().children[1], "new", error);
+  std::string rebuilt;
+  ASSERT_TRUE(tree->rebuild(rebuilt, error)) << error;
+  EXPECT_EQ(rebuilt.substr(rebuilt.find("\r\n\r\n") + 4), "new");
+}
+
+TEST(HardenedNames, MessageGlobalIsAMessage) {
+  const std::string text =
+      single("Content-Type: message/global", "From: b@example.org|Subject: inner|MIME-Version: 1.0||text");
+  for (const bool hardened : {true, false}) {
+    auto tree = (hardened ? hardened_plugin() : mime_test::plugin()).open(text);
+    const Item_node* inner = tree->find("0.0");
+    ASSERT_NE(inner, nullptr);
+    EXPECT_EQ(property(*inner, ZOR_ITEM_TYPE), hardened ? vek_wtos(ZOR_BODY_ITEM) : "") << hardened;
+  }
+}
+
+}  // namespace
