@@ -127,7 +127,7 @@ const bool have_avx2 = [] {
 // The decoder's state: it outlives a line, since a group of four
 // characters may be spread over several.
 struct Decoder {
-  explicit Decoder(Vek_ostream& out) : out(out) {}
+  Decoder(Vek_ostream& out, bool lenient) : out(out), lenient(lenient) {}
 
   // Writes out the buffer; false, with `failure` set, if that fails.
   bool flush() {
@@ -189,15 +189,20 @@ struct Decoder {
       } else if (value == end_of_line) {
         break;
       } else if (value == end_of_data) {
-        return padding;
+        if (!lenient || group >= 2) return padding;
+        irregular = true;
       } else if (value == invalid) {
-        return bad_byte;
+        if (!lenient) return bad_byte;
+        irregular = true;
       }
     }
     return go_on;
   }
 
   Vek_ostream& out;
+  const bool lenient;
+  // Lenient decoding passed over something that strict decoding refuses.
+  bool irregular = false;
   // On the stack: a body per part, and many parts are small, so a block
   // from the heap would cost more than decoding them.
   uint8_t bytes[output_block];
@@ -210,12 +215,12 @@ struct Decoder {
 }  // namespace
 
 uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64_t length,
-                       Vek_status& status) {
+                       Vek_status& status, bool lenient) {
   status.clear();
   in.seek(0, static_cast<int64_t>(std::min<uint64_t>(start, INT64_MAX)), status);
   if (!status.ok()) return out.tell();
   const uint64_t stop_at = length > UINT64_MAX - start ? UINT64_MAX : start + length;
-  Decoder decoder(out);
+  Decoder decoder(out, lenient);
   Decoder::Stop stop = Decoder::go_on;
   bool data_ended = true;  // false when decoding stopped for another reason
   std::string_view line;
@@ -223,7 +228,11 @@ uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64
     in.readln_view(line_limit, line, status);
     bool last = false;
     if (status == vek_line_too_long) {
-      if (line.size() >= line_limit) {
+      if (line.size() >= line_limit && lenient) {
+        // The rest of the line comes with the next read.
+        decoder.irregular = true;
+        status.clear();
+      } else if (line.size() >= line_limit) {
         status = smtp_bad_base64;
         data_ended = false;
         break;
@@ -246,11 +255,15 @@ uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64
     status = decoder.failure;
     return out.tell();
   } else if (stop == Decoder::go_on && data_ended && decoder.group != 0) {
-    // The data end inside a group: what was decoded goes nowhere.
-    status = smtp_bad_base64;
-    return out.tell();
+    // The data end inside a group: strictly, what was decoded goes nowhere.
+    if (!lenient) {
+      status = smtp_bad_base64;
+      return out.tell();
+    }
+    decoder.irregular = true;
   }
   if (!decoder.flush() && status.ok()) status = decoder.failure;
+  if (status.ok() && decoder.irregular) status = smtp_bad_base64;
   return out.tell();
 }
 

@@ -18,9 +18,18 @@ inline constexpr size_t smtp_base64_line_bytes = 57;
 
 // Decodes the lines of `in` from `start` while they begin within `length`
 // bytes of it, onto `out`; returns the output's position. The first "="
-// ends the data. Bad data give smtp_bad_base64.
+// ends the data. Bad data give smtp_bad_base64, and what they held goes
+// nowhere.
+//
+// `lenient` decodes as mail clients do, after RFC 2045 section 6.8 ("any
+// characters outside of the base64 alphabet are to be ignored"): bytes
+// outside the alphabet are passed over, a line of any length is read, a
+// "=" that cannot be padding (in the first two places of a group) is
+// passed over, and data that end inside a group keep the bytes they gave.
+// All of it is decoded and written; the status is still smtp_bad_base64
+// where any of this was met, so that the fault can be logged.
 uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64_t length,
-                       Vek_status& status);
+                       Vek_status& status, bool lenient = false);
 
 // Encodes `length` bytes of `in` from its position onto `out`, in lines of
 // 76 characters, each ended with `out`'s writeln. A stream that ends

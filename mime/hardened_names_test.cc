@@ -56,6 +56,9 @@ struct Case {
 
 TEST(HardenedNames, ContentAsClientsReadIt) {
   const Case cases[] = {
+      {"Base64 with a stray character and no padding",
+       "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64", "TV*ohIQ",
+       "application/octet-stream [] MZ!!", "-"},
       {"disposition filename alone",
        "Content-Type: application/octet-stream|Content-Disposition: attachment; filename=\"evil.exe\"|"
        "Content-Transfer-Encoding: base64",

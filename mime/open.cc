@@ -328,7 +328,13 @@ void Smtp_rfc1521_handler::decode_base64_body(Vek_istream& stream, Fmg_item& ite
   const uint64_t length = size > start ? size - start : 0;
   // Four characters give at most three bytes.
   decoded->reserve(length / 4 * 3 + 3);
-  decode_base64(stream, out, start, length, status);
+  decode_base64(stream, out, start, length, status, profile_.base64_as_clients_decode);
+  if (status == smtp_bad_base64 && profile_.base64_as_clients_decode) {
+    // Decoded all the same, as clients decode it: the fault is logged and
+    // the attachment still reaches the host.
+    item.log(33, smtp_log_severity, source_name_, status);
+    status.clear();
+  }
   if (status.ok()) {
     out.detach();
     // The record's encoding is the label that all decoded bodies carry; it
@@ -363,7 +369,8 @@ void Smtp_rfc1521_handler::add_extra_reading(uint64_t start, const std::string& 
     if (step.ok() && decoding == Smtp_decoding::quoted_printable)
       decode_quoted_printable(input, out, start, length, step);
     else if (step.ok())
-      decode_base64(input, out, start, length, step);
+      decode_base64(input, out, start, length, step, profile_.base64_as_clients_decode);
+    if (step == smtp_bad_base64 && profile_.base64_as_clients_decode) step.clear();
     if (!step.ok()) return;
     out.detach();
     bytes = std::move(decoded);

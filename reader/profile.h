@@ -83,6 +83,15 @@ struct Smtp_profile {
 
   // -- Decoding, embedded blocks and RFC 1505 bodies ------------------------
 
+  // A Base64 body is decoded as RFC 2045 (section 6.8) asks and clients do:
+  // characters outside the alphabet are passed over, lines of any length
+  // are read, a "=" that cannot be padding is passed over, and data that
+  // end inside a group keep their bytes. The fault is still logged (code
+  // 33). Thunderbird, Outlook and Python's email package decode such a body
+  // and offer the attachment; the reference drops the whole body, so a
+  // stray character hides the attachment from the host.
+  bool base64_as_clients_decode = false;
+
 
   // -- Rewriting -------------------------------------------------------------
 
@@ -114,6 +123,7 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
 
 
   // Decoding, embedded blocks and RFC 1505 bodies.
+  p.base64_as_clients_decode = true;
 
 
   // Rewriting.
