@@ -44,7 +44,7 @@ void Smtp_rfc1505_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
     std::vector<Smtp_header_field> fields;
     // The manager has judged the header already; only a failure of the
     // stream ends the work here.
-    read_header_block(stream, fields, status);
+    read_header_block(stream, fields, status, nullptr, nullptr, profile_.header_lines);
     if (status.ok()) {
       export_header_fields(table_, fields, export_headers_, is_message_, widen_header_value, status);
       // RFC 1505 allows one such field; if a message has several, the last
@@ -223,7 +223,8 @@ Vek_buffer* Smtp_rfc1505_handler::rebuild(Fmg_item& item, Vek_status& status) {
   const std::string value = encoding_value();
   std::string name;
   std::vector<std::string> lines;
-  while (in.tell() < header_end_ && read_header_field(in, smtp_max_header_line, name, lines, status) &&
+  while (in.tell() < header_end_ && read_header_field(in, profile_.header_lines.max_line, name, lines, status,
+                                                             profile_.header_lines.eight_bit_text) &&
          status.ok()) {
     if (vek_string_equal_nc(name, "Encoding"))
       write_header_field(out, "Encoding", value, true, status);

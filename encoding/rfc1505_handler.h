@@ -83,7 +83,7 @@ class Smtp_rfc1505_handler : public Fmg_handler_base {
   const Vek_wstring& name_;
   const std::vector<std::string>& export_headers_;
   bool is_message_;
-  [[maybe_unused]] const Smtp_profile& profile_;
+  const Smtp_profile& profile_;
   // clean_encoding_field dropped bytes from the field's value.
   bool field_repaired_ = false;
   // Position in `data` where the header block ended, in front of its blank

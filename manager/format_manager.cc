@@ -61,7 +61,8 @@ Fmg_handler_base* Smtp_format_manager::open(Vek_buffer* buffer, Fmg_item& item, 
 
   std::vector<Smtp_header_field> fields;
   std::vector<std::string> field_names;
-  bool header = read_header_block(stream, fields, status, is_recognition_field, &field_names);
+  bool header = read_header_block(stream, fields, status, is_recognition_field, &field_names,
+                                  profile_->header_lines);
 
   // A part of a MIME entity may start with no header at all: its content
   // type came from the entity around it.

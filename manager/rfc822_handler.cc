@@ -30,7 +30,7 @@ void Smtp_rfc822_handler::set_data(Vek_buffer* buffer, Fmg_item&, Vek_status& st
     std::vector<Smtp_header_field> fields;
     // Whether the block proves a header does not matter here: the manager
     // has judged that already. Only a failure of the stream ends the work.
-    read_header_block(stream, fields, status);
+    read_header_block(stream, fields, status, nullptr, nullptr, profile_.header_lines);
     if (status.ok())
       export_header_fields(table_, fields, export_headers_, is_message_, widen_header_value, status);
   }

@@ -62,7 +62,7 @@ class Smtp_rfc822_handler : public Fmg_handler_base {
  private:
   const std::vector<std::string>& export_headers_;
   bool is_message_;
-  [[maybe_unused]] const Smtp_profile& profile_;
+  const Smtp_profile& profile_;
   // Position in `data` of the first byte behind the blank line that ends
   // the header.
   uint64_t body_offset_ = 0;

@@ -73,7 +73,8 @@ void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item, V
     {
       Vek_status header_status;
       Vek_buffered_istream header(text.get(), true, header_status, vek_eol_lf);
-      while (header_status.ok() && read_header_field(header, smtp_max_header_line, field, header_status) &&
+      while (header_status.ok() && read_header_field(header, profile_.header_lines.max_line, field, header_status,
+                                                             profile_.header_lines.eight_bit_text) &&
              header_status.ok()) {
         if (vek_string_equal_nc(field.name, "Content-Type")) {
           part.seen_content_type = true;

@@ -146,7 +146,7 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
     std::vector<Smtp_header_field> fields;
     // A block that the reader refuses counts for nothing: the entity is
     // then taken as if it had no fields, its body where the reader stopped.
-    if (read_header_block(stream, fields, status)) {
+    if (read_header_block(stream, fields, status, nullptr, nullptr, profile_.header_lines)) {
       for (const Smtp_header_field& field : fields) {
         if (!status.ok()) break;
         if (is_message_ && is_exported_header(export_headers_, field.name))

@@ -168,7 +168,8 @@ void Smtp_rfc1521_handler::write_headers(Vek_istream& input, Vek_ostream& output
   bool content_type_seen = false;
   // The header ends where opening found it to end: lines that opening took
   // for the body are written with the body, not as fields.
-  while (input.tell() < header_end_ && read_header_field(input, smtp_max_header_line, name, lines, status) &&
+  while (input.tell() < header_end_ && read_header_field(input, profile_.header_lines.max_line, name, lines, status,
+                                                                profile_.header_lines.eight_bit_text) &&
          status.ok()) {
     const bool is_content_type = vek_string_equal_nc(name, "Content-Type");
     if (is_content_type && (refold_content_type || content_type_repaired_)) {

@@ -85,7 +85,8 @@ const Smtp_field_name smtp_delivery_field_names[] = {
 #undef SMTP_PREFIX
 
 bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek_status& status,
-                       Smtp_field_filter field_filter, std::vector<std::string>* field_names) {
+                       Smtp_field_filter field_filter, std::vector<std::string>* field_names,
+                       const Smtp_line_rules& rules) {
   status.clear();
   bool ordinary_seen = false;
   int bad_run = 0;
@@ -111,7 +112,8 @@ bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fiel
 
   Smtp_raw_field_view field;
   Smtp_line_lookahead lookahead;
-  while (read_header_field(stream, smtp_max_header_line, field, lookahead, status) && status.ok()) {
+  while (read_header_field(stream, rules.max_line, field, lookahead, status, rules.eight_bit_text) &&
+         status.ok()) {
     const std::string_view name = field.name;
     if (name == smtp_bad_header_name) {
       if (keep_bad) append(name, field);

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "contracts/vek.h"
+#include "reader/header_reader.h"
 
 // A parsed header field: the name as written (or "Bad-Header") and the
 // unfolded value. Also a parameter of a structured field: attribute in
@@ -48,9 +49,10 @@ extern const Smtp_field_name smtp_delivery_field_names[];
 // kept (all, or those `field_filter` admits) to `fields` and the name of
 // every field seen to `field_names`. True when an ordinary field was seen
 // and the block was not refused; the stream stands at the end of the block.
+// `rules` judge its lines.
 bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek_status& status,
                        Smtp_field_filter field_filter = nullptr,
-                       std::vector<std::string>* field_names = nullptr);
+                       std::vector<std::string>* field_names = nullptr, const Smtp_line_rules& rules = {});
 
 // Consumes the blank line behind a header and gives true; leaves the stream
 // alone and gives false if the next line is not blank.

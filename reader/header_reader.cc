@@ -35,8 +35,8 @@ inline bool is_trim_white(char c) { return c == ' ' || (c >= '\t' && c <= '\r');
 
 enum class Line_kind : uint32_t { blank, name, continuation, colon, other };
 
-inline bool is_refused(unsigned char c) {
-  return (c < 32 && c != '\t' && c != '\r' && c != '\n') || c >= 127;
+inline bool is_refused(unsigned char c, bool eight_bit_text) {
+  return (c < 32 && c != '\t' && c != '\r' && c != '\n') || c == 127 || (c > 127 && !eight_bit_text);
 }
 
 // What a line holds that no header line should: the count of bytes outside
@@ -62,7 +62,7 @@ inline bool may_hold_odd_bytes(const char* bytes) {
 // sixteen bytes at a time, the last block overlapping the one before, and
 // only from the first block that may hold an odd byte on is it looked at
 // byte by byte.
-inline __attribute__((always_inline)) Line_scan scan_line(std::string_view line) {
+inline __attribute__((always_inline)) Line_scan scan_line(std::string_view line, bool eight_bit_text) {
   const size_t size = line.size();
   size_t i = 0;
 #if defined(__SSE2__)
@@ -78,7 +78,7 @@ inline __attribute__((always_inline)) Line_scan scan_line(std::string_view line)
       scan.nul = i;
       break;
     }
-    if (is_refused(c) && ++scan.refused > smtp_max_refused_bytes) break;
+    if (is_refused(c, eight_bit_text) && ++scan.refused > smtp_max_refused_bytes) break;
   }
   return scan;
 }
@@ -177,7 +177,7 @@ struct String_target {
 
 template <typename Target>
 bool read_field(Vek_istream& stream, uint32_t max_line, Target& target, Smtp_line_lookahead* lookahead,
-                Vek_status& status) {
+                Vek_status& status, bool eight_bit_text) {
   target.reset();
   if (!status.ok()) return false;
   const uint64_t field_start = stream.tell();
@@ -190,7 +190,8 @@ bool read_field(Vek_istream& stream, uint32_t max_line, Target& target, Smtp_lin
     size_t nul = std::string_view::npos;
     Line_kind kind;
     if (lookahead != nullptr && lookahead->buffer == stream.buffer() && lookahead->buffer != nullptr &&
-        lookahead->start == line_start && lookahead->max_line == max_line) {
+        lookahead->start == line_start && lookahead->max_line == max_line &&
+        lookahead->eight_bit_text == eight_bit_text) {
       // The line that ended the previous field, already read and judged.
       line = lookahead->line;
       kind = static_cast<Line_kind>(lookahead->kind);
@@ -208,7 +209,7 @@ bool read_field(Vek_istream& stream, uint32_t max_line, Target& target, Smtp_lin
         }
       }
       if (status == vek_end_of_stream && !line.empty()) status.clear();
-      const Line_scan scan = scan_line(line);
+      const Line_scan scan = scan_line(line, eight_bit_text);
       if (scan.refused > smtp_max_refused_bytes) status = smtp_not_header_line;
       nul = scan.nul;
       if (!status.ok()) {
@@ -224,9 +225,9 @@ bool read_field(Vek_istream& stream, uint32_t max_line, Target& target, Smtp_lin
         !open && kind == Line_kind::other && (is_begin_line(line) || is_postscript_line(line));
     if (ends_field || ends_block) {
       if (lookahead != nullptr) {
-        *lookahead = Smtp_line_lookahead{stream.buffer(), line_start, stream.tell(),
-                                         max_line,        line,       static_cast<uint32_t>(kind),
-                                         colon,           nul};
+        *lookahead = Smtp_line_lookahead{stream.buffer(), line_start,  stream.tell(),
+                                         max_line,        eight_bit_text, line,
+                                         static_cast<uint32_t>(kind), colon, nul};
       }
       stream.seek(line_start);
       break;
@@ -337,21 +338,21 @@ std::string unfold(size_t count, Line_at line_at) {
 }  // namespace
 
 bool read_header_field(Vek_istream& stream, uint32_t max_line, std::string& name,
-                       std::vector<std::string>& lines, Vek_status& status) {
+                       std::vector<std::string>& lines, Vek_status& status, bool eight_bit_text) {
   String_target target{name, lines};
-  return read_field(stream, max_line, target, nullptr, status);
+  return read_field(stream, max_line, target, nullptr, status, eight_bit_text);
 }
 
 bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_view& field,
-                       Vek_status& status) {
+                       Vek_status& status, bool eight_bit_text) {
   View_target target{field};
-  return read_field(stream, max_line, target, nullptr, status);
+  return read_field(stream, max_line, target, nullptr, status, eight_bit_text);
 }
 
 bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_view& field,
-                       Smtp_line_lookahead& lookahead, Vek_status& status) {
+                       Smtp_line_lookahead& lookahead, Vek_status& status, bool eight_bit_text) {
   View_target target{field};
-  return read_field(stream, max_line, target, &lookahead, status);
+  return read_field(stream, max_line, target, &lookahead, status, eight_bit_text);
 }
 
 std::string unfold_field_lines(const std::vector<std::string>& lines) {

@@ -31,6 +31,10 @@ inline constexpr uint32_t smtp_max_header_line = 1087;
 // Bytes outside 32 to 126 (other than tab, CR and LF) tolerated in one line:
 // a few 8-bit letters in a name or an unencoded value pass, binary does not.
 inline constexpr int smtp_max_refused_bytes = 4;
+// The longest header line that lenient rules take (a long unfolded
+// "References:" runs past a few thousand bytes); it bounds the work on one
+// line while every real header fits.
+inline constexpr uint32_t smtp_max_lenient_header_line = 1 << 20;
 // The longest field name taken; RFC 2822 section 2.1.1 keeps a line under 78
 // bytes, and a name is followed by at least a colon.
 inline constexpr size_t smtp_max_field_name = 75;
@@ -67,11 +71,22 @@ struct Smtp_raw_field_view {
 // field), as the reader found and judged it. A caller that reads field
 // after field from one stream passes it back in, so that each line is read
 // and judged once; the buffer must not change in between.
+// How strictly header lines are judged. The defaults are the rules above;
+// the hardened profile loosens them (reader/profile.h).
+struct Smtp_line_rules {
+  // Lines of this many bytes or more are no header.
+  uint32_t max_line = smtp_max_header_line;
+  // Bytes above 0x7F are text, as RFC 6532 lets UTF-8 stand in a header,
+  // and do not count against smtp_max_refused_bytes; control bytes do.
+  bool eight_bit_text = false;
+};
+
 struct Smtp_line_lookahead {
   const Vek_buffer* buffer = nullptr;  // null: nothing kept
   uint64_t start = 0;                  // where the line begins
   uint64_t next = 0;                   // where the line behind it begins
   uint32_t max_line = 0;               // the limit it was read with
+  bool eight_bit_text = false;         // and the rule for 8-bit bytes
   std::string_view line;
   uint32_t kind = 0;
   size_t colon = 0;
@@ -82,15 +97,16 @@ struct Smtp_line_lookahead {
 // emptied first). True when a field was read; the stream then stands on the
 // first line behind it. A true result may come with a failed status (the
 // line that failed was consumed); a failed status on entry gives false.
+// `eight_bit_text` as in Smtp_line_rules.
 bool read_header_field(Vek_istream& stream, uint32_t max_line, std::string& name,
-                       std::vector<std::string>& lines, Vek_status& status);
+                       std::vector<std::string>& lines, Vek_status& status, bool eight_bit_text = false);
 // The same, filling views of the stream's buffer instead of copies.
 bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_view& field,
-                       Vek_status& status);
+                       Vek_status& status, bool eight_bit_text = false);
 // The same, taking the line kept in `lookahead` instead of reading it
 // again where the stream stands on it, and keeping the line it stops on.
 bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_view& field,
-                       Smtp_line_lookahead& lookahead, Vek_status& status);
+                       Smtp_line_lookahead& lookahead, Vek_status& status, bool eight_bit_text = false);
 
 // The value of a field made from its raw lines: continuation lines are
 // joined by one space, and a backslash that ends a line inside a quoted

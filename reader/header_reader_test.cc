@@ -85,6 +85,28 @@ TEST(ReadHeaderField, KindsAndActions) {
   }
 }
 
+// Lenient rules take 8-bit text and long lines, never control bytes.
+TEST(ReadHeaderField, LenientRules) {
+  const struct {
+    std::string in;
+    bool eight_bit_text;
+    uint32_t max_line, want_status;
+  } rows[] = {
+      {"A: Gr\xc3\xbc\xc3\x9f\xc3\xa9\r\n", true, smtp_max_header_line, vek_ok},
+      {"A: Gr\xc3\xbc\xc3\x9f\xc3\xa9\r\n", false, smtp_max_header_line, smtp_not_header_line},
+      {"A: \x01\x02\x03\x04\x7f\r\n", true, smtp_max_header_line, smtp_not_header_line},
+      {"A: " + rep("x", 5000) + "\r\n", true, smtp_max_lenient_header_line, vek_ok},
+  };
+  for (const auto& row : rows) {
+    Text_stream in(row.in);
+    std::string name;
+    std::vector<std::string> lines;
+    Vek_status status;
+    read_header_field(in.stream, row.max_line, name, lines, status, row.eight_bit_text);
+    EXPECT_EQ(status.value(), row.want_status) << row.in.substr(0, 20);
+  }
+}
+
 TEST(IsBeginLine, Table) {
   const std::pair<const char*, bool> cases[] = {
       {"begin 644 file.bin", true}, {"begin644", true},    {"begin \t 755", true}, {"xbegin 644 f", true},

@@ -19,6 +19,8 @@
 #ifndef SMTPFM_READER_PROFILE_H_
 #define SMTPFM_READER_PROFILE_H_
 
+#include "reader/header_reader.h"
+
 struct Smtp_profile {
   // The name that tools print: "reference" or "hardened".
   const char* name = "reference";
@@ -26,6 +28,15 @@ struct Smtp_profile {
   bool hardened = false;
 
   // -- Recognition and the header ------------------------------------------
+
+  // How header lines are judged, in recognition and in every handler. The
+  // hardened rules take bytes above 0x7F as text (RFC 6532: every
+  // SMTPUTF8 message has them; the reference takes a line with more than
+  // four for binary, so "Subject: Grüße aus München" made the message no
+  // mail) and lines up to smtp_max_lenient_header_line (a long unfolded
+  // "References:"; the reference stops at 1087 bytes). Every common client
+  // shows such a message.
+  Smtp_line_rules header_lines;
 
 
   // -- Multipart bodies and their delimiter lines ---------------------------
@@ -107,6 +118,7 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
   p.hardened = true;
 
   // Recognition and the header.
+  p.header_lines = {.max_line = smtp_max_lenient_header_line, .eight_bit_text = true};
 
 
   // Multipart bodies and their delimiter lines.
