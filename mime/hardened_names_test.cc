@@ -163,3 +163,20 @@ TEST(HardenedHeaders, EightBitTextAndLongLinesAreMail) {
     EXPECT_FALSE(mime_test::plugin().open(text)->root().taken()) << field;
   }
 }
+
+// The data of a multipart end in its last part: clients show that part, and
+// a rebuild writes it once, closed, where the reference puts its text
+// behind the closing delimiter it adds.
+TEST(HardenedMultipart, LastPartWithoutClosingDelimiter) {
+  const std::string text = crlf(
+      "From: a@example.org|MIME-Version: 1.0|Content-Type: multipart/mixed; boundary=b||--b|"
+      "Content-Type: text/plain||one|--b|Content-Type: application/octet-stream; name=x.exe||MZ");
+  EXPECT_EQ(mime_test::plugin().open(text)->root().children.size(), 1u);
+  auto tree = hardened_plugin().open(text);
+  ASSERT_EQ(tree->root().children.size(), 2u);
+  std::string out, error;
+  ASSERT_TRUE(tree->replace(*tree->find("0"), crlf("Content-Type: text/plain||removed"), error)) << error;
+  ASSERT_TRUE(tree->rebuild(out, error)) << error;
+  EXPECT_EQ(out, crlf("From: a@example.org|MIME-Version: 1.0|Content-Type: multipart/mixed; boundary=b||--b|"
+                      "Content-Type: text/plain||one|--b|Content-Type: text/plain||removed||--b--"));
+}

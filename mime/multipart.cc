@@ -118,8 +118,11 @@ void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item, V
     if (!status.ok()) break;
     find_part_delimiter(stream, boundary, end, found, status);
     // A part that the data end in, with no delimiter behind it, is no
-    // record; rebuild writes its text behind the closing delimiter.
-    if (found) {
+    // record; rebuild writes its text behind the closing delimiter. Clients
+    // show it as the last part, and so does the hardened reading.
+    const bool unclosed = !found && profile_.last_part_without_delimiter && text->size() != 0;
+    if (found || unclosed) {
+      last_part_unclosed_ = unclosed;
       const uint32_t index =
           add_body(status, table_.items, table_.item_order, std::move(text), part.type, part.subtype,
                    part.encoding, part.is_body ? smtp_item_body : smtp_item_attachment);

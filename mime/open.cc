@@ -114,7 +114,10 @@ const Smtp_header_field* find_parameter(const std::vector<Smtp_header_field>& pa
   return nullptr;
 }
 
-void Smtp_rfc1521_handler::clear_items() { table_.clear_items(); }
+void Smtp_rfc1521_handler::clear_items() {
+  table_.clear_items();
+  last_part_unclosed_ = false;
+}
 
 void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_status& status) {
   status.clear();

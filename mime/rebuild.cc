@@ -345,6 +345,8 @@ void Smtp_rfc1521_handler::write_multipart(Vek_buffer& out, const std::string& b
     last = input.tell();
     find_part_delimiter(input, boundary, end, found, status);
   }
+  // An unclosed last part that opening made a record is written already.
+  if (!found && last_part_unclosed_) return;
   if (!found) input.seek(last);
   if (status.ok()) copy_remaining_lines(input, output, status);
 }

@@ -128,6 +128,8 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
   bool is_encrypted_ = false;
   bool is_certificate_ = false;
   bool content_type_repaired_ = false;
+  // The last part had no delimiter behind it and is a record all the same.
+  bool last_part_unclosed_ = false;
   // Where the header block that set_data read ends in `data` (in front of
   // its blank line); the writers read the header no further.
   uint64_t header_end_ = 0;

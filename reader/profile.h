@@ -41,6 +41,12 @@ struct Smtp_profile {
 
   // -- Multipart bodies and their delimiter lines ---------------------------
 
+  // The last part of a multipart whose data end before its closing
+  // delimiter is a part like the others. Thunderbird, Apple Mail, Gmail and
+  // Python's email package show it; the reference keeps it as text behind
+  // the closing delimiter it writes, and never offers it to the host.
+  bool last_part_without_delimiter = false;
+
 
   // -- Types, transfer encodings and file names -----------------------------
 
@@ -122,6 +128,7 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
 
 
   // Multipart bodies and their delimiter lines.
+  p.last_part_without_delimiter = true;
 
 
   // Types, transfer encodings and file names.
