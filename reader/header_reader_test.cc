@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
 
 #include "reader/test_support.h"
 
@@ -116,23 +115,6 @@ TEST(IsBeginLine, Table) {
   for (const auto& [line, want] : cases) EXPECT_EQ(is_begin_line(line), want) << line;
 }
 
-// The value as the unfolding rule states it, rescanning all at every step.
-std::string naive_unfold(const std::vector<std::string>& lines) {
-  std::string result;
-  for (const std::string& line : lines) {
-    if (result.empty()) {
-      result = line;
-    } else if (result.back() == '\\' && in_quoted_string(result, result.size() - 1)) {
-      result.back() = '\r';
-      result += "\n" + (line.empty() ? std::string() : line.substr(1));
-    } else {
-      vek_trim(result);
-      result += " " + line.substr(std::min(line.size(), line.find_first_not_of(" \t\r\n\v\f")));
-    }
-  }
-  return result;
-}
-
 // Continuation lines are joined by one space; a backslash at a line end
 // inside a quoted string stands for the line break.
 TEST(UnfoldFieldLines, Table) {
@@ -147,20 +129,6 @@ TEST(UnfoldFieldLines, Table) {
       {{"\"a\\", " b\\", " c\""}, "\"a\r\nb\r\nc\""},
       {{"\"a\" \"b\\", "xc"}, "\"a\" \"b\r\nc"}};
   for (const auto& [lines, want] : cases) EXPECT_EQ(unfold_field_lines(lines), want) << render(lines);
-}
-
-// The quote count is carried from line to line; it must agree with a count
-// made afresh.
-TEST(UnfoldFieldLines, AgreesWithRescanningOnRandomLines) {
-  std::mt19937 random(1234);
-  for (int round = 0; round < 20000; ++round) {
-    std::vector<std::string> lines(1 + random() % 6);
-    for (std::string& line : lines) {
-      line.resize(random() % 6);
-      for (char& c : line) c = "a \t\"\\\rx"[random() % 7];
-    }
-    ASSERT_EQ(unfold_field_lines(lines), naive_unfold(lines)) << render(lines);
-  }
 }
 
 // A row's text is "name:value"; values that would pass column 76 are
@@ -227,52 +195,6 @@ TEST(HeaderRoundTrip, RealBadHeaderFieldLosesItsName) {
   EXPECT_EQ(lines, (std::vector<std::string>{"Date:Tue", "<id>"}));
 }
 
-// The text with the spaces behind its first colon taken out.
-std::string without_space_behind_colon(std::string text) {
-  const size_t colon = text.find(':');
-  if (colon != std::string::npos)
-    text.erase(colon + 1, std::min(text.find_first_not_of(' ', colon + 1), text.size()) - colon - 1);
-  return text;
-}
-
-// Over the corpus, reading a header field by field and writing each field
-// raw gives back the header, apart from the one space behind each colon;
-// reading with a lookahead line reads the same fields, and leaves the stream
-// at the same places, as reading each line afresh.
-TEST(HeaderRoundTrip, Corpus) {
-  const std::vector<Corpus_message> messages = load_corpus();
-  ASSERT_GT(messages.size(), 100u) << "corpus at " << corpus_dir();
-  size_t fields = 0;
-  for (const Corpus_message& message : messages) {
-    SCOPED_TRACE(message.name);
-    Text_stream in(message.text), ahead(message.text);
-    Text_output out;
-    std::string name;
-    std::vector<std::string> lines;
-    Smtp_raw_field_view got;
-    Smtp_line_lookahead lookahead;
-    Vek_status status, got_status;
-    for (uint64_t start = 0;; start = in.stream.tell(), ++fields) {
-      const bool result = read_header_field(in.stream, smtp_max_header_line, name, lines, status);
-      ASSERT_EQ(read_header_field(ahead.stream, smtp_max_header_line, got, lookahead, got_status), result);
-      ASSERT_EQ(got_status.value(), status.value());
-      ASSERT_EQ(ahead.stream.tell(), in.stream.tell());
-      if (!result || !status.ok()) break;
-      ASSERT_EQ(got.name, name);
-      ASSERT_EQ(unfold_field_lines(got), unfold_field_lines(lines));
-      const uint64_t written = out.stream.tell();
-      write_raw_field(out.stream, name, lines, out.status);
-      ASSERT_TRUE(out.status.ok());
-      ASSERT_EQ(without_space_behind_colon(out.text().substr(written)),
-                without_space_behind_colon(message.text.substr(start, in.stream.tell() - start)))
-          << "field " << name;
-    }
-  }
-  EXPECT_GT(fields, 800u);
-}
-
-}  // namespace
-
 // The line scans test sixteen bytes at a time from a line of sixteen bytes
 // on. Against a byte-at-a-time model, at every offset of lines around 16
 // and 32 bytes: the count of bytes outside printable ASCII up to a NUL
@@ -323,3 +245,5 @@ TEST(ReadHeaderField, LineScansAgreeWithAByteAtATimeModel) {
     }
   }
 }
+
+}  // namespace
