@@ -18,6 +18,7 @@
 //     decoding of the value: the rest goes through as it stands.
 #include "codecs/encoded_words.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -138,8 +139,36 @@ bool next_encoded_word(std::string_view value, size_t position, size_t& start, s
   return find_word(value, position, memo, start, end, charset, encoding, text);
 }
 
-void decode_encoded_words(std::string_view value, Vek_wstring& result) {
+bool is_valid_utf8(std::string_view bytes) {
+  size_t i = 0;
+  while (i < bytes.size()) {
+    const auto lead = static_cast<unsigned char>(bytes[i]);
+    size_t length = 0;
+    if (lead < 0x80) length = 1;
+    else if (lead >= 0xc2 && lead <= 0xdf) length = 2;
+    else if (lead >= 0xe0 && lead <= 0xef) length = 3;
+    else if (lead >= 0xf0 && lead <= 0xf4) length = 4;
+    else return false;
+    if (i + length > bytes.size()) return false;
+    for (size_t k = 1; k < length; ++k)
+      if ((static_cast<unsigned char>(bytes[i + k]) & 0xc0) != 0x80) return false;
+    i += length;
+  }
+  return true;
+}
+
+void decode_encoded_words(std::string_view value, Vek_wstring& result, bool raw_utf8) {
   result.clear();
+  // Text outside the words: widened byte for byte, or read as UTF-8.
+  Vek_wstring utf16;
+  auto widen = [&](std::string_view text) {
+    if (raw_utf8 && !std::all_of(text.begin(), text.end(), [](char c) { return (c & 0x80) == 0; }) &&
+        is_valid_utf8(text) && charset_to_wide("UTF-8", text, utf16)) {
+      result += utf16;
+    } else {
+      result += vek_stow(text);
+    }
+  };
   Marker_search memo;
   std::string charset, encoding, text, bytes;
   Vek_wstring wide;
@@ -148,11 +177,11 @@ void decode_encoded_words(std::string_view value, Vek_wstring& result) {
   while (position < value.size()) {
     size_t start = 0, end = 0;
     if (!find_word(value, position, memo, start, end, charset, encoding, text)) {
-      result += vek_stow(value.substr(position));
+      widen(value.substr(position));
       return;
     }
     if (!decode_word(charset, encoding, text, bytes, wide)) {
-      result += vek_stow(value.substr(position, end - position));
+      widen(value.substr(position, end - position));
       position = end;
       after_word = false;
       continue;
@@ -165,7 +194,7 @@ void decode_encoded_words(std::string_view value, Vek_wstring& result) {
       while (i < start && is_folding_space(value[i])) ++i;
       if (i == start) position = start;
     }
-    if (start > position) result += vek_stow(value.substr(position, start - position));
+    if (start > position) widen(value.substr(position, start - position));
     result += wide;
     position = end;
     after_word = true;

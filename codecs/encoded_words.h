@@ -19,8 +19,14 @@
 inline constexpr size_t smtp_max_encoded_word = 75;
 
 // Replaces `result` by the wide text of `value`, with its encoded words
-// decoded where they can be.
-void decode_encoded_words(std::string_view value, Vek_wstring& result);
+// decoded where they can be. With `raw_utf8`, text outside the words that
+// is valid UTF-8 (RFC 6532 lets it stand in a header) is read as UTF-8
+// instead of byte for byte.
+void decode_encoded_words(std::string_view value, Vek_wstring& result, bool raw_utf8 = false);
+
+// Whether `bytes` are well-formed UTF-8 (no overlong two-byte forms, no
+// lead byte above 0xF4).
+bool is_valid_utf8(std::string_view bytes);
 
 // Finds the next encoded word at or behind `position`: true with its start,
 // its end (behind the "?="), charset, encoding letter ("Q" or "B") and

@@ -82,6 +82,20 @@ TEST(EncodedWords, Decode) {
   }
 }
 
+// Read as UTF-8 where asked and where it is UTF-8; byte for byte otherwise.
+TEST(EncodedWords, RawUtf8) {
+  const std::tuple<std::string, bool, std::u16string> cases[] = {
+      {"M\xc3\xbcnchen =?utf-8?q?a?=", true, u"M\u00fcnchen a"},
+      {"M\xc3\xbcnchen", false, u"M\u00c3\u00bcnchen"},
+      {"M\xfcnchen", true, u"M\u00fcnchen"},
+  };
+  for (const auto& [in, raw_utf8, want] : cases) {
+    Vek_wstring got;
+    decode_encoded_words(in, got, raw_utf8);
+    EXPECT_TRUE(got == want) << in;
+  }
+}
+
 TEST(EncodedWords, NextWordParts) {
   size_t start = 0, end = 0;
   std::string charset, encoding, text;

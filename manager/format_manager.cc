@@ -140,7 +140,7 @@ Fmg_handler_base* Smtp_format_manager::open(Vek_buffer* buffer, Fmg_item& item, 
     Tav_property_list& list = item.top_item()->properties();
     if (!subject.empty() && list.find(ZOR_SUBJECT) == nullptr) {
       Vek_wstring decoded;
-      decode_encoded_words(subject, decoded);
+      decode_encoded_words(subject, decoded, profile_->raw_utf8_text);
       list.add(ZOR_SUBJECT, decoded);
       item.report_property(7, status, ZOR_SUBJECT, decoded.c_str(), 0, 0);
       status.clear();

@@ -301,24 +301,6 @@ int64_t section_number(std::string_view attribute, std::string_view name, bool& 
   return number;
 }
 
-bool is_valid_utf8(std::string_view bytes) {
-  size_t i = 0;
-  while (i < bytes.size()) {
-    const auto lead = static_cast<unsigned char>(bytes[i]);
-    size_t length = 0;
-    if (lead < 0x80) length = 1;
-    else if (lead >= 0xc2 && lead <= 0xdf) length = 2;
-    else if (lead >= 0xe0 && lead <= 0xef) length = 3;
-    else if (lead >= 0xf0 && lead <= 0xf4) length = 4;
-    else return false;
-    if (i + length > bytes.size()) return false;
-    for (size_t k = 1; k < length; ++k)
-      if ((static_cast<unsigned char>(bytes[i + k]) & 0xc0) != 0x80) return false;
-    i += length;
-  }
-  return true;
-}
-
 }  // namespace
 
 void split_parameters(std::string_view value, std::string& head, std::vector<Smtp_header_field>& parameters) {

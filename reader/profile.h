@@ -37,6 +37,10 @@ struct Smtp_profile {
   // "References:"; the reference stops at 1087 bytes). Every common client
   // shows such a message.
   Smtp_line_rules header_lines;
+  // Raw 8-bit text in the Subject that is valid UTF-8 is published as
+  // UTF-8 (RFC 6532), as every client shows it; the reference widens it
+  // byte for byte, so "München" reaches the host as "MÃ¼nchen".
+  bool raw_utf8_text = false;
 
 
   // -- Multipart bodies and their delimiter lines ---------------------------
@@ -125,6 +129,7 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
 
   // Recognition and the header.
   p.header_lines = {.max_line = smtp_max_lenient_header_line, .eight_bit_text = true};
+  p.raw_utf8_text = true;
 
 
   // Multipart bodies and their delimiter lines.
