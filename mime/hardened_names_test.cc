@@ -152,13 +152,18 @@ TEST(HardenedNames, MessageGlobalIsAMessage) {
 
 }  // namespace
 
-// A header with UTF-8 text (RFC 6532) or a line over 1087 bytes is a
-// message that every client shows: hardened, it is taken and its body
-// reaches the host; the reference takes neither for mail.
-TEST(HardenedHeaders, EightBitTextAndLongLinesAreMail) {
-  for (const std::string& field : {std::string("Subject: Gr\xc3\xbc\xc3\x9f\x65 aus M\xc3\xbcnchen"),
-                                  "References: " + std::string(3000, 'r')}) {
-    const std::string text = single(field + "|Content-Type: text/plain", "hello");
+// A header with UTF-8 text (RFC 6532), a line over 1087 bytes, or an mbox
+// envelope line in front is a message that every client shows: hardened,
+// it is taken and its body reaches the host; the reference takes none of
+// them for mail.
+TEST(HardenedHeaders, EightBitTextLongLinesAndEnvelopeLinesAreMail) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "Subject: Gr\xc3\xbc\xc3\x9f\x65 aus M\xc3\xbcnchen|"},
+      {"", "References: " + std::string(3000, 'r') + "|"},
+      {"From someone@example.org Mon Jan  1 00:00:00 2024\r\n", ""},
+  };
+  for (const auto& [envelope, field] : cases) {
+    const std::string text = envelope + single(field + "Content-Type: text/plain", "hello");
     EXPECT_EQ(contents(hardened_plugin(), text), "text/plain [] hell") << field;
     EXPECT_FALSE(mime_test::plugin().open(text)->root().taken()) << field;
   }

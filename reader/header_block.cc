@@ -110,6 +110,13 @@ bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fiel
     }
   };
 
+  if (rules.skip_envelope_line) {
+    const uint64_t start = stream.tell();
+    std::string_view line;
+    stream.readln_view(rules.max_line, line, status);
+    if (!status.ok() || !line.starts_with("From ")) stream.seek(start);
+    status.clear();
+  }
   Smtp_raw_field_view field;
   Smtp_line_lookahead lookahead;
   while (read_header_field(stream, rules.max_line, field, lookahead, status, rules.eight_bit_text) &&

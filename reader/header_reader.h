@@ -79,6 +79,9 @@ struct Smtp_line_rules {
   // Bytes above 0x7F are text, as RFC 6532 lets UTF-8 stand in a header,
   // and do not count against smtp_max_refused_bytes; control bytes do.
   bool eight_bit_text = false;
+  // A first line "From " (the envelope line of an mbox, RFC 4155) is no
+  // field: it is passed over, and the header starts behind it.
+  bool skip_envelope_line = false;
 };
 
 struct Smtp_line_lookahead {

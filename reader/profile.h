@@ -34,8 +34,10 @@ struct Smtp_profile {
   // SMTPUTF8 message has them; the reference takes a line with more than
   // four for binary, so "Subject: Grüße aus München" made the message no
   // mail) and lines up to smtp_max_lenient_header_line (a long unfolded
-  // "References:"; the reference stops at 1087 bytes). Every common client
-  // shows such a message.
+  // "References:"; the reference stops at 1087 bytes), and they pass over
+  // the "From " envelope line of an mbox in front of a header, which the
+  // reference reads as junk that makes a short header no header. Every
+  // common client shows such a message.
   Smtp_line_rules header_lines;
   // Raw 8-bit text in the Subject that is valid UTF-8 is published as
   // UTF-8 (RFC 6532), as every client shows it; the reference widens it
@@ -128,7 +130,8 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
   p.hardened = true;
 
   // Recognition and the header.
-  p.header_lines = {.max_line = smtp_max_lenient_header_line, .eight_bit_text = true};
+  p.header_lines = {
+      .max_line = smtp_max_lenient_header_line, .eight_bit_text = true, .skip_envelope_line = true};
   p.raw_utf8_text = true;
 
 
