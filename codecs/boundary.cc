@@ -11,7 +11,9 @@
 //   - spaces directly behind the leading "--" are dropped;
 //   - spaces in front of the closing "--" are dropped, but then not those
 //     behind it: blanks are taken from one place at the end, never two;
-//   - tabs are never dropped, although the RFC counts them as white space.
+//   - tabs are never dropped, although the RFC counts them as white space,
+//     and blanks behind the closing dashes are taken only where the caller
+//     asks for RFC 2046's transport padding.
 #include "codecs/boundary.h"
 
 #include <utility>
@@ -45,9 +47,14 @@ void drop_trailing_spaces(std::string_view& text) {
 
 }  // namespace
 
-Smtp_boundary::Smtp_boundary(std::string text) : text_(std::move(text)), tolerant_(is_tolerant(text_)) {}
+Smtp_boundary::Smtp_boundary(std::string text, bool transport_padding)
+    : text_(std::move(text)), tolerant_(is_tolerant(text_)), transport_padding_(transport_padding) {}
 
 bool Smtp_boundary::match_line(std::string_view line, bool& closing) const {
+  if (transport_padding_) {
+    //   transport-padding := *LWSP-char
+    while (!line.empty() && (line.back() == ' ' || line.back() == '\t')) line.remove_suffix(1);
+  }
   if (line.size() < 3 || !line.starts_with(dashes)) return false;
   // The line is read as "--" + body + tail, where tail is either empty or,
   // when blanks stood in front of the closing dashes, those dashes.

@@ -13,8 +13,10 @@
 class Smtp_boundary {
  public:
   // Keeps `text`, the boundary value, and decides once whether blanks in a
-  // delimiter line are dropped before the comparison.
-  explicit Smtp_boundary(std::string text);
+  // delimiter line are dropped before the comparison. With
+  // `transport_padding`, spaces and tabs at the end of a line are dropped
+  // first, as RFC 2046 (section 5.1.1) allows behind every delimiter.
+  explicit Smtp_boundary(std::string text, bool transport_padding = false);
 
   // True if `line` (without its line end) is a delimiter of this boundary;
   // sets `closing` for a closing delimiter, clears it for a line of the
@@ -27,6 +29,7 @@ class Smtp_boundary {
  private:
   std::string text_;
   bool tolerant_;
+  bool transport_padding_;
 };
 
 #endif  // SMTPFM_CODECS_BOUNDARY_H_

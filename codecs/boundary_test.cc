@@ -16,6 +16,21 @@ TEST(Boundary, ToleranceFollowsTheEndsOfTheBoundary) {
     EXPECT_EQ(Smtp_boundary(text).tolerant(), tolerant) << '"' << text << '"';
 }
 
+// RFC 2046's transport padding: spaces and tabs at the end of any
+// delimiter line, taken only where asked for.
+TEST(Boundary, TransportPadding) {
+  const std::tuple<const char*, bool, bool, bool> cases[] = {
+      // line, padding taken, matches, closes
+      {"--abc--  ", true, true, true},   {"--abc--  ", false, false, false}, {"--abc\t", true, true, false},
+      {"--abc\t", false, false, false}, {"--abcd \t", true, false, false},  {"--abc --\t", true, true, true},
+  };
+  for (const auto& [line, padding, matches, closes] : cases) {
+    bool closing = false;
+    EXPECT_EQ(Smtp_boundary("abc", padding).match_line(line, closing), matches) << line << padding;
+    EXPECT_EQ(closing, closes) << line << padding;
+  }
+}
+
 TEST(Boundary, MatchLine) {
   enum Want { no_match, match, match_closing };
   const struct {

@@ -39,7 +39,7 @@ void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item, V
   }
   std::string boundary_text = boundary_parameter->value;
   vek_trim(boundary_text);
-  const Smtp_boundary boundary(std::move(boundary_text));
+  const Smtp_boundary boundary(std::move(boundary_text), profile_.delimiter_padding);
 
   bool first_part = true;
   // The parts of an alternative are the same text in different forms: in a

@@ -276,7 +276,7 @@ void Smtp_rfc1521_handler::write_multipart(Vek_buffer& out, const std::string& b
   if (!status.ok()) return;
   Vek_buffered_istream input(data, true, status, vek_eol_lf);
   if (!status.ok()) return;
-  const Smtp_boundary boundary(boundary_text);
+  const Smtp_boundary boundary(boundary_text, profile_.delimiter_padding);
 
   write_headers(input, output, true, status);
   // The blank line behind the header and the preamble, without the line

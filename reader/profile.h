@@ -52,6 +52,11 @@ struct Smtp_profile {
   // Python's email package show it; the reference keeps it as text behind
   // the closing delimiter it writes, and never offers it to the host.
   bool last_part_without_delimiter = false;
+  // Spaces and tabs at the end of a delimiter line (RFC 2046's transport
+  // padding, "--b--  ") are passed over. Clients take such a line for the
+  // delimiter it is; the reference does not see it, so the part in front
+  // runs on over the next one.
+  bool delimiter_padding = false;
 
 
   // -- Types, transfer encodings and file names -----------------------------
@@ -137,6 +142,7 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
 
   // Multipart bodies and their delimiter lines.
   p.last_part_without_delimiter = true;
+  p.delimiter_padding = true;
 
 
   // Types, transfer encodings and file names.
