@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 
 #include "reader/test_support.h"
 
@@ -115,6 +116,23 @@ TEST(IsBeginLine, Table) {
   for (const auto& [line, want] : cases) EXPECT_EQ(is_begin_line(line), want) << line;
 }
 
+// The value as the unfolding rule states it, rescanning all at every step.
+std::string naive_unfold(const std::vector<std::string>& lines) {
+  std::string result;
+  for (const std::string& line : lines) {
+    if (result.empty()) {
+      result = line;
+    } else if (result.back() == '\\' && in_quoted_string(result, result.size() - 1)) {
+      result.back() = '\r';
+      result += "\n" + (line.empty() ? std::string() : line.substr(1));
+    } else {
+      vek_trim(result);
+      result += " " + line.substr(std::min(line.size(), line.find_first_not_of(" \t\r\n\v\f")));
+    }
+  }
+  return result;
+}
+
 // Continuation lines are joined by one space; a backslash at a line end
 // inside a quoted string stands for the line break.
 TEST(UnfoldFieldLines, Table) {
@@ -129,6 +147,20 @@ TEST(UnfoldFieldLines, Table) {
       {{"\"a\\", " b\\", " c\""}, "\"a\r\nb\r\nc\""},
       {{"\"a\" \"b\\", "xc"}, "\"a\" \"b\r\nc"}};
   for (const auto& [lines, want] : cases) EXPECT_EQ(unfold_field_lines(lines), want) << render(lines);
+}
+
+// The quote count is carried from line to line; it must agree with a count
+// made afresh.
+TEST(UnfoldFieldLines, AgreesWithRescanningOnRandomLines) {
+  std::mt19937 random(1234);
+  for (int round = 0; round < 20000; ++round) {
+    std::vector<std::string> lines(1 + random() % 6);
+    for (std::string& line : lines) {
+      line.resize(random() % 6);
+      for (char& c : line) c = "a \t\"\\\rx"[random() % 7];
+    }
+    ASSERT_EQ(unfold_field_lines(lines), naive_unfold(lines)) << render(lines);
+  }
 }
 
 // A row's text is "name:value"; values that would pass column 76 are
