@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "contracts/status_codes.h"
 #include "manager/format_manager.h"
 #include "platform/fmg/host_item.h"
 #include "platform/fmg/plg_loader.h"
@@ -15,6 +16,18 @@
 #include "shell/plg_frame.h"
 
 namespace {
+
+// The status codes are part of the interface: the host writes their
+// numbers into its logs, and a log is read long after it was written.
+static_assert(vek_end_of_stream == 0xc2000019 && vek_line_too_long == 0xc200001c);
+static_assert(smtp_bad_base64 == 0xc2010505 && smtp_comment_not_closed == 0xc2010507 &&
+              smtp_not_header_line == 0xc2010508 && smtp_bad_content_type == 0xc2010509 &&
+              smtp_bad_content_disposition == 0xc201050a && smtp_bad_transfer_encoding == 0xc201050b &&
+              smtp_bad_encoding_field == 0xc201050c && smtp_quoted_string_not_closed == 0xc201050d &&
+              smtp_no_opening_bracket == 0xc201050e && smtp_no_opening_parenthesis == 0xc201050f &&
+              smtp_no_opening_quote == 0xc2010510 && smtp_domain_literal_not_closed == 0xc2010511 &&
+              smtp_qp_end_in_escape == 0xc2010519 && smtp_base64_encoder_end == 0xc201051a &&
+              smtp_content_type_not_single_word == 0xc201051c && smtp_multipart_without_boundary == 0xc2020402);
 
 constexpr Tav_guid smtp_type = {0xD00BCC02, 0x7BB8, 0x11D1, {0xA9, 0x3B, 0x00, 0xA0, 0xC9, 0x43, 0x08, 0x65}};
 
