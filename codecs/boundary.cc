@@ -51,10 +51,21 @@ Smtp_boundary::Smtp_boundary(std::string text, bool transport_padding)
     : text_(std::move(text)), tolerant_(is_tolerant(text_)), transport_padding_(transport_padding) {}
 
 bool Smtp_boundary::match_line(std::string_view line, bool& closing) const {
-  if (transport_padding_) {
-    //   transport-padding := *LWSP-char
-    while (!line.empty() && (line.back() == ' ' || line.back() == '\t')) line.remove_suffix(1);
-  }
+  if (match_unpadded(line, closing)) return true;
+  if (!transport_padding_) return false;
+  //   transport-padding := *LWSP-char
+  // Tried second, so that a boundary that itself ends in a space keeps its
+  // own matches, and a line that fails both leaves `closing` as the first
+  // try left it.
+  std::string_view unpadded = line;
+  while (!unpadded.empty() && (unpadded.back() == ' ' || unpadded.back() == '\t')) unpadded.remove_suffix(1);
+  bool padded_closing = closing;
+  if (unpadded.size() == line.size() || !match_unpadded(unpadded, padded_closing)) return false;
+  closing = padded_closing;
+  return true;
+}
+
+bool Smtp_boundary::match_unpadded(std::string_view line, bool& closing) const {
   if (line.size() < 3 || !line.starts_with(dashes)) return false;
   // The line is read as "--" + body + tail, where tail is either empty or,
   // when blanks stood in front of the closing dashes, those dashes.

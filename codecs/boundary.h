@@ -27,6 +27,8 @@ class Smtp_boundary {
   bool tolerant() const { return tolerant_; }
 
  private:
+  bool match_unpadded(std::string_view line, bool& closing) const;
+
   std::string text_;
   bool tolerant_;
   bool transport_padding_;

@@ -53,9 +53,11 @@ struct Smtp_profile {
   // the closing delimiter it writes, and never offers it to the host.
   bool last_part_without_delimiter = false;
   // Spaces and tabs at the end of a delimiter line (RFC 2046's transport
-  // padding, "--b--  ") are passed over. Clients take such a line for the
-  // delimiter it is; the reference does not see it, so the part in front
-  // runs on over the next one.
+  // padding) are passed over, where the line does not match as it stands.
+  // The reference drops trailing spaces only, and only for a boundary that
+  // does not itself begin or end with one; a tab there hid the line, so
+  // the part in front ran on over the next. Clients take such a line for
+  // the delimiter it is.
   bool delimiter_padding = false;
 
 
