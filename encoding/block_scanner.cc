@@ -184,12 +184,15 @@ class Keyword_finder {
 #define SMTPFM_EQ(bytes, c) _mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(c))
       const __m256i at0 = SMTPFM_LOAD(p), at1 = SMTPFM_LOAD(p + 1), at2 = SMTPFM_LOAD(p + 2),
                     at4 = SMTPFM_LOAD(p + 4), at6 = SMTPFM_LOAD(p + 6);
-      const __m256i begin = _mm256_and_si256(_mm256_and_si256(SMTPFM_EQ(at0, 'b'), SMTPFM_EQ(at1, 'e')), SMTPFM_EQ(at4, 'n'));
-      const __m256i end = _mm256_and_si256(_mm256_and_si256(SMTPFM_EQ(at0, 'e'), SMTPFM_EQ(at1, 'n')), SMTPFM_EQ(at2, 'd'));
-      const __m256i table = _mm256_and_si256(_mm256_and_si256(SMTPFM_EQ(at0, 't'), SMTPFM_EQ(at1, 'a')), SMTPFM_EQ(at4, 'e'));
+      const __m256i begin =
+          _mm256_and_si256(_mm256_and_si256(SMTPFM_EQ(at0, 'b'), SMTPFM_EQ(at1, 'e')), SMTPFM_EQ(at4, 'n'));
+      const __m256i end =
+          _mm256_and_si256(_mm256_and_si256(SMTPFM_EQ(at0, 'e'), SMTPFM_EQ(at1, 'n')), SMTPFM_EQ(at2, 'd'));
+      const __m256i table =
+          _mm256_and_si256(_mm256_and_si256(SMTPFM_EQ(at0, 't'), SMTPFM_EQ(at1, 'a')), SMTPFM_EQ(at4, 'e'));
       const __m256i s_words = _mm256_and_si256(
           SMTPFM_EQ(at0, 's'), _mm256_or_si256(_mm256_and_si256(SMTPFM_EQ(at1, 'e'), SMTPFM_EQ(at6, 'n')),
-                                        _mm256_and_si256(SMTPFM_EQ(at1, 'u'), SMTPFM_EQ(at2, 'm'))));
+                                               _mm256_and_si256(SMTPFM_EQ(at1, 'u'), SMTPFM_EQ(at2, 'm'))));
       const __m256i any = _mm256_or_si256(_mm256_or_si256(begin, end), _mm256_or_si256(table, s_words));
 #undef SMTPFM_EQ
 #undef SMTPFM_LOAD
@@ -317,6 +320,14 @@ bool Smtp_block_scanner::scan(Vek_istream& stream) {
     uint64_t line_start = stream.tell();
     std::string_view line;
     stream.readln_view(smtp_scan_line_limit, line, status);
+    if (status == vek_line_too_long && pass_long_lines_) {
+      // Judged by its first piece; the rest of the line is passed over.
+      std::string_view rest;
+      do {
+        status.clear();
+        stream.readln_view(smtp_scan_line_limit, rest, status);
+      } while (status == vek_line_too_long);
+    }
     if (!line.empty()) {
       uint32_t number = 0;
       const uint32_t words = finder.words_in(line);

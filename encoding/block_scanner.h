@@ -62,13 +62,15 @@ struct Smtp_block_record {
 
 class Smtp_block_scanner {
  public:
-  Smtp_block_scanner() = default;
+  // With `pass_long_lines`, a line over 1024 bytes is text like any other
+  // and the scan goes on behind it.
+  explicit Smtp_block_scanner(bool pass_long_lines = false) : pass_long_lines_(pass_long_lines) {}
   virtual ~Smtp_block_scanner() = default;
   Smtp_block_scanner(const Smtp_block_scanner&) = delete;
   Smtp_block_scanner& operator=(const Smtp_block_scanner&) = delete;
 
   // Reads `stream` from its position to its end (or to the first line over
-  // 1024 bytes, or the first failure), appends what it finds to the queue,
+  // 1024 bytes unless they are passed, or the first failure), appends what it finds to the queue,
   // and returns true if at least one frame was closed by an "end" line.
   // Read failures stay inside. The stream is left where reading stopped.
   bool scan(Vek_istream& stream);
@@ -82,6 +84,7 @@ class Smtp_block_scanner {
 
  private:
   std::deque<std::unique_ptr<Smtp_block_record>> queue_;
+  bool pass_long_lines_;
 };
 
 #endif  // SMTPFM_ENCODING_BLOCK_SCANNER_H_

@@ -19,11 +19,11 @@ std::string crlf(const std::vector<std::string>& lines) {
   return text;
 }
 
-Scan_result scan_text(const std::string& text) {
+Scan_result scan_text(const std::string& text, bool pass_long_lines = false) {
   Vek_raw_memory_buffer buffer(text.size(), text.data(), 0);
   Vek_status status;
   Vek_buffered_istream stream(&buffer, true, status, vek_eol_crlf);
-  Smtp_block_scanner scanner;
+  Smtp_block_scanner scanner(pass_long_lines);
   Scan_result result;
   result.found = scanner.scan(stream);
   while (auto record = scanner.next_block()) {
@@ -92,7 +92,8 @@ TEST(BlockScanner, QuickSearchAgreesAtEveryOffset) {
     for (size_t column = 0; column <= 40; ++column) {
       SCOPED_TRACE("line of " + std::to_string(lead) + ", column " + std::to_string(column));
       const std::string head = junk(lead, column) + "\r\n";
-      Scan_result r = scan_text(head + junk(column, lead) + "begin 644 a\r\nM\r\n" + junk(column, 3) + "end\r\n");
+      Scan_result r =
+          scan_text(head + junk(column, lead) + "begin 644 a\r\nM\r\n" + junk(column, 3) + "end\r\n");
       ASSERT_TRUE(r.found);
       ASSERT_EQ(r.encoded, 1u);
       EXPECT_EQ(r.records.back().name, "a");
@@ -164,12 +165,19 @@ TEST(BlockScanner, TableStaysWithABlockInItsColumn) {
   }
 }
 
-TEST(BlockScanner, LongLineEndsTheScan) {
-  Scan_result r = scan_text(crlf({"begin 644 a", "end", std::string(2000, 'x'), "begin 644 b", "end"}));
+// A line over 1024 bytes ends the scan, unless long lines are passed: then
+// the block behind it is found too.
+TEST(BlockScanner, LongLineEndsTheScanUnlessPassed) {
+  const std::string body = crlf({"begin 644 a", "end", std::string(2000, 'x'), "begin 644 b", "end"});
+  Scan_result r = scan_text(body);
   EXPECT_TRUE(r.found);
   ASSERT_EQ(r.records.size(), 2u);
   EXPECT_EQ(r.records[1].name, "text");
   EXPECT_EQ(r.records[1].end_position, 18u + 1024u);
+  r = scan_text(body, true);
+  ASSERT_EQ(r.records.size(), 3u);
+  EXPECT_EQ(r.records[1].end_position, body.find("begin 644 b"));
+  EXPECT_EQ(r.records[2].name, "b");
 }
 
 }  // namespace

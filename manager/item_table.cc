@@ -77,9 +77,10 @@ uint32_t add_counted_record(Smtp_item_list& items, uint32_t type, std::unique_pt
 
 uint32_t add_body(Vek_status& status, Smtp_item_list& items, std::vector<uint32_t>& item_order,
                   std::unique_ptr<Vek_buffer> buffer, const std::string& mime_type,
-                  const std::string& mime_subtype, const std::string& encoding, uint32_t type) {
+                  const std::string& mime_subtype, const std::string& encoding, uint32_t type,
+                  bool pass_long_lines) {
   uint32_t result = 0;
-  Smtp_block_scanner scanner;
+  Smtp_block_scanner scanner(pass_long_lines);
   Vek_buffered_istream stream(buffer.get(), true, status, vek_eol_crlf);
   if (!status.ok()) return result;
 

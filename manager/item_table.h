@@ -28,7 +28,8 @@ inline constexpr uint32_t smtp_item_body = 2;        // the body
 inline constexpr uint32_t smtp_item_added_body = 3;  // a body the handler added itself
 inline constexpr uint32_t smtp_item_attachment = 4;  // an attachment, or the body of a non-message
 inline constexpr uint32_t smtp_item_block_rest = 5;  // a text body from its first encoded block on
-inline constexpr uint32_t smtp_item_extra_reading = 6;  // another reading of bytes that another record holds: for the host to classify, never written back
+inline constexpr uint32_t smtp_item_extra_reading =
+    6;  // another reading of bytes that another record holds: for the host to classify, never written back
 
 // A length or line count that is not known (after a replacement).
 inline constexpr uint32_t smtp_unknown_count = 0xFFFFFFFF;
@@ -113,9 +114,11 @@ uint32_t add_counted_record(Smtp_item_list& items, uint32_t type, std::unique_pt
 // line: the part before it is the body, the rest a record of type 5 behind
 // it. Each record's index goes to `item_order` as well. Returns the index
 // of the body record; 0 with a failed status when nothing could be added.
+// `pass_long_lines` goes to the block scanner.
 uint32_t add_body(Vek_status& status, Smtp_item_list& items, std::vector<uint32_t>& item_order,
                   std::unique_ptr<Vek_buffer> buffer, const std::string& mime_type,
-                  const std::string& mime_subtype, const std::string& encoding, uint32_t type);
+                  const std::string& mime_subtype, const std::string& encoding, uint32_t type,
+                  bool pass_long_lines = false);
 
 // Number of lines from `start` up to the first line that ends at or behind
 // `end`; a last line without a line end counts. Read failures end the

@@ -73,8 +73,9 @@ void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item, V
     {
       Vek_status header_status;
       Vek_buffered_istream header(text.get(), true, header_status, vek_eol_lf);
-      while (header_status.ok() && read_header_field(header, profile_.header_lines.max_line, field, header_status,
-                                                             profile_.header_lines.eight_bit_text) &&
+      while (header_status.ok() &&
+             read_header_field(header, profile_.header_lines.max_line, field, header_status,
+                               profile_.header_lines.eight_bit_text) &&
              header_status.ok()) {
         if (vek_string_equal_nc(field.name, "Content-Type")) {
           part.seen_content_type = true;
@@ -123,9 +124,9 @@ void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item, V
     const bool unclosed = !found && profile_.last_part_without_delimiter && text->size() != 0;
     if (found || unclosed) {
       last_part_unclosed_ = unclosed;
-      const uint32_t index =
-          add_body(status, table_.items, table_.item_order, std::move(text), part.type, part.subtype,
-                   part.encoding, part.is_body ? smtp_item_body : smtp_item_attachment);
+      const uint32_t index = add_body(
+          status, table_.items, table_.item_order, std::move(text), part.type, part.subtype, part.encoding,
+          part.is_body ? smtp_item_body : smtp_item_attachment, profile_.blocks_past_long_lines);
       if (part.is_body && status.ok()) table_.body_index = index;
     }
     first_part = false;
@@ -156,6 +157,6 @@ void Smtp_rfc1521_handler::add_empty_text_body() {
   // An entity with a header and no text: 28 bytes that rebuild writes only
   // if the host fills them.
   const uint32_t index = add_body(status, table_.items, table_.item_order, std::move(buffer), "text", "plain",
-                                  "7bit", smtp_item_added_body);
+                                  "7bit", smtp_item_added_body, profile_.blocks_past_long_lines);
   if (status.ok()) table_.body_index = index;
 }

@@ -31,7 +31,8 @@ void decode_header_value(std::string_view value, Vek_wstring& text) { decode_enc
 // "attachment filename=a").
 std::string first_word(std::string_view value) {
   size_t start = 0;
-  while (start < value.size() && (value[start] == ' ' || value[start] == '\t' || value[start] == '"')) ++start;
+  while (start < value.size() && (value[start] == ' ' || value[start] == '\t' || value[start] == '"'))
+    ++start;
   size_t end = start;
   while (end < value.size() && is_atom_char(value[end], false) && value[end] != ' ' && value[end] != '\t')
     ++end;
@@ -186,7 +187,8 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
     content_type = type_text.empty() ? std::string("text/plain") : type_text + "/" + subtype_text;
   }
   // Clients never see the repair: the lenient reading splits what was sent.
-  const std::string sent_content_type = profile_.bad_content_type_read_leniently ? content_type : std::string();
+  const std::string sent_content_type =
+      profile_.bad_content_type_read_leniently ? content_type : std::string();
   content_type_repaired_ = repair_content_type(content_type);
 
   bool malformed = false;
@@ -262,9 +264,9 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
       // of a message even with the disposition "attachment": nothing marks
       // it as a file of its own, as an encoding would.
       auto body = std::make_unique<Vek_sub_buffer>(data, stream.tell(), vek_to_end);
-      uint32_t index =
-          add_body(status, table_.items, table_.item_order, std::move(body), mime_type_, mime_subtype_,
-                   encoding_, is_message_ ? smtp_item_body : smtp_item_attachment);
+      uint32_t index = add_body(status, table_.items, table_.item_order, std::move(body), mime_type_,
+                                mime_subtype_, encoding_, is_message_ ? smtp_item_body : smtp_item_attachment,
+                                profile_.blocks_past_long_lines);
       if (status.ok()) table_.body_index = index;
     }
     if (profile_.every_transfer_encoding_reading && transfer_encoding_count > 1 && status.ok() &&
@@ -273,7 +275,8 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
       std::string first;
       Vek_status parsed;
       parse_transfer_encoding(first_transfer_encoding, first, parsed);
-      if (!parsed.ok() && profile_.transfer_encoding_by_first_word) first = first_word(first_transfer_encoding);
+      if (!parsed.ok() && profile_.transfer_encoding_by_first_word)
+        first = first_word(first_transfer_encoding);
       if (!first.empty() && decoding_of(first) != decoding_of(encoding_))
         add_extra_reading(body_start, first);
     }
@@ -305,9 +308,9 @@ void Smtp_rfc1521_handler::decode_quoted_printable_body(Vek_istream& stream, Fmg
   decode_quoted_printable(stream, out, start, length, status);
   if (status.ok()) {
     out.detach();
-    uint32_t index =
-        add_body(status, table_.items, table_.item_order, std::move(decoded), mime_type_, mime_subtype_,
-                 "quoted-printable", is_body ? smtp_item_body : smtp_item_attachment);
+    uint32_t index = add_body(
+        status, table_.items, table_.item_order, std::move(decoded), mime_type_, mime_subtype_,
+        "quoted-printable", is_body ? smtp_item_body : smtp_item_attachment, profile_.blocks_past_long_lines);
     if (is_body && status.ok()) table_.body_index = index;
     return;
   }
@@ -342,9 +345,9 @@ void Smtp_rfc1521_handler::decode_base64_body(Vek_istream& stream, Fmg_item& ite
     out.detach();
     // The record's encoding is the label that all decoded bodies carry; it
     // is never read back, since the entity's own encoding rules rebuild.
-    uint32_t index =
-        add_body(status, table_.items, table_.item_order, std::move(decoded), mime_type_, mime_subtype_,
-                 "quoted-printable", is_body ? smtp_item_body : smtp_item_attachment);
+    uint32_t index = add_body(
+        status, table_.items, table_.item_order, std::move(decoded), mime_type_, mime_subtype_,
+        "quoted-printable", is_body ? smtp_item_body : smtp_item_attachment, profile_.blocks_past_long_lines);
     if (is_body && status.ok()) table_.body_index = index;
     return;
   }

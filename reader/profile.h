@@ -44,7 +44,6 @@ struct Smtp_profile {
   // byte for byte, so "München" reaches the host as "MÃ¼nchen".
   bool raw_utf8_text = false;
 
-
   // -- Multipart bodies and their delimiter lines ---------------------------
 
   // The last part of a multipart whose data end before its closing
@@ -59,7 +58,6 @@ struct Smtp_profile {
   // the part in front ran on over the next. Clients take such a line for
   // the delimiter it is.
   bool delimiter_padding = false;
-
 
   // -- Types, transfer encodings and file names -----------------------------
 
@@ -110,7 +108,6 @@ struct Smtp_profile {
   // (a record that is never written back).
   bool every_transfer_encoding_reading = false;
 
-
   // -- Decoding, embedded blocks and RFC 1505 bodies ------------------------
 
   // A Base64 body is decoded as RFC 2045 (section 6.8) asks and clients do:
@@ -121,10 +118,11 @@ struct Smtp_profile {
   // and offer the attachment; the reference drops the whole body, so a
   // stray character hides the attachment from the host.
   bool base64_as_clients_decode = false;
-
-
-  // -- Rewriting -------------------------------------------------------------
-
+  // The search for uuencoded blocks in a text body goes on behind a line
+  // of more than 1024 bytes, which the reference takes for the end of any
+  // text an encoder wrote; a block behind such a line stayed inside one
+  // text item. Thunderbird and Outlook find the block all the same.
+  bool blocks_past_long_lines = false;
 };
 
 // The reading that the format manager has always given.
@@ -141,11 +139,9 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
       .max_line = smtp_max_lenient_header_line, .eight_bit_text = true, .skip_envelope_line = true};
   p.raw_utf8_text = true;
 
-
   // Multipart bodies and their delimiter lines.
   p.last_part_without_delimiter = true;
   p.delimiter_padding = true;
-
 
   // Types, transfer encodings and file names.
   p.file_names_as_clients_read_them = true;
@@ -156,13 +152,9 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
   p.transfer_encoding_by_first_word = true;
   p.every_transfer_encoding_reading = true;
 
-
   // Decoding, embedded blocks and RFC 1505 bodies.
   p.base64_as_clients_decode = true;
-
-
-  // Rewriting.
-
+  p.blocks_past_long_lines = true;
   return p;
 }();
 
