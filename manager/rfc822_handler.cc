@@ -35,7 +35,7 @@ void Smtp_rfc822_handler::set_data(Vek_buffer* buffer, Fmg_item&, Vek_status& st
       export_header_fields(table_, fields, export_headers_, is_message_, widen_header_value, status);
   }
   if (!status.ok()) return;
-  skip_blank_line(stream);
+  blank_line_ = skip_blank_line(stream);
   body_offset_ = stream.tell();
 
   // The body of a message is text whatever it looks like; the body of an
@@ -105,6 +105,9 @@ Vek_buffer* Smtp_rfc822_handler::rebuild(Fmg_item& item, Vek_status& status) {
   // The header block and its blank line go out byte for byte; the header
   // records are views for the host and are never written back.
   copy_bytes(in, out, static_cast<uint32_t>(std::min<uint64_t>(body_offset_, 0xFFFFFFFFu)), status);
+  // A header that a "begin" line ended has no blank line behind it; what
+  // replaced the file must not read as more header.
+  if (status.ok() && !blank_line_ && profile_.header_lines.begin_line_ends_header) out.writeln("", status);
   if (!status.ok()) return result.release();
   for (const auto& record : table_.items) {
     if (record->type == smtp_item_header) continue;

@@ -66,6 +66,8 @@ class Smtp_rfc822_handler : public Fmg_handler_base {
   // Position in `data` of the first byte behind the blank line that ends
   // the header.
   uint64_t body_offset_ = 0;
+  // A blank line stood behind the header.
+  bool blank_line_ = true;
   Smtp_item_table table_;
 };
 

@@ -185,3 +185,18 @@ TEST(HardenedMultipart, LastPartWithoutClosingDelimiter) {
   EXPECT_EQ(out, crlf("From: a@example.org|MIME-Version: 1.0|Content-Type: multipart/mixed; boundary=b||--b|"
                       "Content-Type: text/plain||one|--b|Content-Type: text/plain||removed||--b--"));
 }
+
+// A uuencoded file right behind the header, with no blank line: hardened,
+// the message is taken and the file is an item of its own; replaced, it
+// goes out behind the blank line the header lacked.
+TEST(HardenedHeaders, UuencodedFileRightBehindTheHeader) {
+  const std::string text = crlf("From: a@example.org|Subject: uu|begin 644 evil.exe|#34UZ|`|end");
+  EXPECT_FALSE(mime_test::plugin().open(text)->root().taken());
+  auto tree = hardened_plugin().open(text);
+  ASSERT_TRUE(tree->root().taken());
+  EXPECT_EQ(std::string(tree->find("0")->bytes()), crlf("begin 644 evil.exe|#34UZ|`|end"));
+  std::string out, error;
+  ASSERT_TRUE(tree->replace(*tree->find("0"), "removed\r\n", error)) << error;
+  ASSERT_TRUE(tree->rebuild(out, error)) << error;
+  EXPECT_EQ(out, crlf("From: a@example.org|Subject: uu||removed"));
+}

@@ -119,8 +119,7 @@ bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fiel
   }
   Smtp_raw_field_view field;
   Smtp_line_lookahead lookahead;
-  while (read_header_field(stream, rules.max_line, field, lookahead, status, rules.eight_bit_text) &&
-         status.ok()) {
+  while (read_header_field(stream, field, lookahead, status, rules) && status.ok()) {
     const std::string_view name = field.name;
     if (name == smtp_bad_header_name) {
       if (keep_bad) append(name, field);

@@ -176,8 +176,10 @@ struct String_target {
 };
 
 template <typename Target>
-bool read_field(Vek_istream& stream, uint32_t max_line, Target& target, Smtp_line_lookahead* lookahead,
-                Vek_status& status, bool eight_bit_text) {
+bool read_field(Vek_istream& stream, const Smtp_line_rules& rules, Target& target,
+                Smtp_line_lookahead* lookahead, Vek_status& status) {
+  const uint32_t max_line = rules.max_line;
+  const bool eight_bit_text = rules.eight_bit_text;
   target.reset();
   if (!status.ok()) return false;
   const uint64_t field_start = stream.tell();
@@ -221,8 +223,11 @@ bool read_field(Vek_istream& stream, uint32_t max_line, Target& target, Smtp_lin
 
     const bool ends_field =
         kind == Line_kind::blank || (open && (kind == Line_kind::name || kind == Line_kind::colon));
+    // A uuencoded file may follow the header with no blank line between;
+    // lenient rules let its "begin" line end a field as well as a block.
     const bool ends_block =
-        !open && kind == Line_kind::other && (is_begin_line(line) || is_postscript_line(line));
+        kind == Line_kind::other && ((!open && (is_begin_line(line) || is_postscript_line(line))) ||
+                                     (open && rules.begin_line_ends_header && is_begin_line(line)));
     if (ends_field || ends_block) {
       if (lookahead != nullptr) {
         *lookahead = Smtp_line_lookahead{stream.buffer(), line_start,  stream.tell(),
@@ -340,19 +345,25 @@ std::string unfold(size_t count, Line_at line_at) {
 bool read_header_field(Vek_istream& stream, uint32_t max_line, std::string& name,
                        std::vector<std::string>& lines, Vek_status& status, bool eight_bit_text) {
   String_target target{name, lines};
-  return read_field(stream, max_line, target, nullptr, status, eight_bit_text);
+  return read_field(stream, Smtp_line_rules{max_line, eight_bit_text}, target, nullptr, status);
 }
 
 bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_view& field,
                        Vek_status& status, bool eight_bit_text) {
   View_target target{field};
-  return read_field(stream, max_line, target, nullptr, status, eight_bit_text);
+  return read_field(stream, Smtp_line_rules{max_line, eight_bit_text}, target, nullptr, status);
 }
 
 bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_view& field,
                        Smtp_line_lookahead& lookahead, Vek_status& status, bool eight_bit_text) {
   View_target target{field};
-  return read_field(stream, max_line, target, &lookahead, status, eight_bit_text);
+  return read_field(stream, Smtp_line_rules{max_line, eight_bit_text}, target, &lookahead, status);
+}
+
+bool read_header_field(Vek_istream& stream, Smtp_raw_field_view& field, Smtp_line_lookahead& lookahead,
+                       Vek_status& status, const Smtp_line_rules& rules) {
+  View_target target{field};
+  return read_field(stream, rules, target, &lookahead, status);
 }
 
 std::string unfold_field_lines(const std::vector<std::string>& lines) {

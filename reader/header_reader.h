@@ -82,6 +82,10 @@ struct Smtp_line_rules {
   // A first line "From " (the envelope line of an mbox, RFC 4155) is no
   // field: it is passed over, and the header starts behind it.
   bool skip_envelope_line = false;
+  // A "begin" line of a uuencoded file ends the header even inside a field
+  // (a file right behind the header, with no blank line); otherwise it only
+  // ends it where a field would start.
+  bool begin_line_ends_header = false;
 };
 
 struct Smtp_line_lookahead {
@@ -110,6 +114,9 @@ bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_vi
 // again where the stream stands on it, and keeping the line it stops on.
 bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_view& field,
                        Smtp_line_lookahead& lookahead, Vek_status& status, bool eight_bit_text = false);
+// The same under every one of `rules`, the line limit among them.
+bool read_header_field(Vek_istream& stream, Smtp_raw_field_view& field, Smtp_line_lookahead& lookahead,
+                       Vek_status& status, const Smtp_line_rules& rules);
 
 // The value of a field made from its raw lines: continuation lines are
 // joined by one space, and a backslash that ends a line inside a quoted

@@ -36,8 +36,10 @@ struct Smtp_profile {
   // mail) and lines up to smtp_max_lenient_header_line (a long unfolded
   // "References:"; the reference stops at 1087 bytes), and they pass over
   // the "From " envelope line of an mbox in front of a header, which the
-  // reference reads as junk that makes a short header no header. Every
-  // common client shows such a message.
+  // reference reads as junk that makes a short header no header; and a
+  // uuencoded file that follows the header with no blank line, whose
+  // "begin" line the reference takes into the last field, which then makes
+  // the header no header. Every common client shows such a message.
   Smtp_line_rules header_lines;
   // Raw 8-bit text in the Subject that is valid UTF-8 is published as
   // UTF-8 (RFC 6532), as every client shows it; the reference widens it
@@ -136,7 +138,10 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
 
   // Recognition and the header.
   p.header_lines = {
-      .max_line = smtp_max_lenient_header_line, .eight_bit_text = true, .skip_envelope_line = true};
+      .max_line = smtp_max_lenient_header_line,
+      .eight_bit_text = true,
+      .skip_envelope_line = true,
+      .begin_line_ends_header = true};
   p.raw_utf8_text = true;
 
   // Multipart bodies and their delimiter lines.
