@@ -59,19 +59,23 @@ void Smtp_rfc1505_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   body_offset_ = stream.tell();
 
   // The manager chose this handler for its "Encoding" field; one that is
-  // gone, or has no value to cut the body by, is a fault of the caller.
-  if (encoding.empty())
+  // gone, or has no value to cut the body by, is a fault of the caller,
+  // unless the whole body is to be read as one part.
+  const bool whole_body = profile_.unreadable_encoding_body_whole;
+  if (encoding.empty() && !whole_body)
     throw std::logic_error("Smtp_rfc1505_handler::set_data - lost the Encoding header field.");
 
-  field_repaired_ = clean_encoding_field(encoding);
+  field_repaired_ = !encoding.empty() && clean_encoding_field(encoding);
   std::vector<Smtp_encoding_entry> entries;
-  parse_encoding_field(encoding, entries, status);
-  if (!status.ok()) {
+  if (!encoding.empty()) parse_encoding_field(encoding, entries, status);
+  if (!status.ok() || entries.empty()) {
     // A field that makes no sense leaves the message whole, with no parts:
     // nothing is cut by counts that cannot be trusted.
-    item.log(33, 2, name_, status);
+    if (!status.ok()) item.log(33, 2, name_, status);
     status.clear();
-    return;
+    if (!whole_body) return;
+    // Read leniently, the whole body is one text part.
+    entries.assign(1, Smtp_encoding_entry{-1, "text", ""});
   }
   split_body(stream, entries, item, status);
   // The first part is the text of the message; the host reads it last,
@@ -223,8 +227,9 @@ Vek_buffer* Smtp_rfc1505_handler::rebuild(Fmg_item& item, Vek_status& status) {
   const std::string value = encoding_value();
   std::string name;
   std::vector<std::string> lines;
-  while (in.tell() < header_end_ && read_header_field(in, profile_.header_lines.max_line, name, lines, status,
-                                                             profile_.header_lines.eight_bit_text) &&
+  while (in.tell() < header_end_ &&
+         read_header_field(in, profile_.header_lines.max_line, name, lines, status,
+                           profile_.header_lines.eight_bit_text) &&
          status.ok()) {
     if (vek_string_equal_nc(name, "Encoding"))
       write_header_field(out, "Encoding", value, true, status);

@@ -200,3 +200,15 @@ TEST(HardenedHeaders, UuencodedFileRightBehindTheHeader) {
   ASSERT_TRUE(tree->rebuild(out, error)) << error;
   EXPECT_EQ(out, crlf("From: a@example.org|Subject: uu||removed"));
 }
+
+// An RFC 1505 "Encoding" field that does not parse, or is empty, leaves
+// the whole body as one part; the reference hands over no part at all.
+TEST(HardenedRfc1505, UnreadableEncodingFieldLeavesTheBodyWhole) {
+  for (const char* field : {"Encoding: garbage ((", "Encoding:"}) {
+    const std::string text = crlf(std::string("From: a@example.org|Subject: e|") + field + "||hello|body");
+    EXPECT_TRUE(mime_test::plugin().open(text)->root().children.empty()) << field;
+    auto tree = hardened_plugin().open(text);
+    ASSERT_EQ(tree->root().children.size(), 1u) << field;
+    EXPECT_EQ(std::string(tree->root().children[0]->bytes()), crlf("hello|body")) << field;
+  }
+}
