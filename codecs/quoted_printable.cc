@@ -92,7 +92,7 @@ enum class Qp_state {
 }  // namespace
 
 uint64_t decode_quoted_printable(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64_t length,
-                                 Vek_status& status) {
+                                 Vek_status& status, bool lenient) {
   status.clear();
   in.seek(0, static_cast<int64_t>(std::min<uint64_t>(start, INT64_MAX)), status);
   if (!status.ok()) return out.tell();
@@ -167,6 +167,8 @@ uint64_t decode_quoted_printable(Vek_istream& in, Vek_ostream& out, uint64_t sta
     }
   }
   if (state != Qp_state::text && written && (status.ok() || status == vek_end_of_stream)) {
+    if (lenient && state == Qp_state::after_equals) written = output.put('=');
+    if (lenient && state == Qp_state::after_digit) written = output.put('=') && output.put(digit);
     status = smtp_qp_end_in_escape;
   }
   if (written) written = output.flush();

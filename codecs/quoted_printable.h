@@ -19,8 +19,10 @@ inline constexpr size_t smtp_qp_max_line = 76;
 // Decodes `length` bytes of `in` from `start` onto `out`; returns the
 // output's position. Data that end inside an escape give
 // smtp_qp_end_in_escape; a bad escape passes through as it stands.
+// `lenient` writes such an unfinished escape out as it stands too, as
+// clients show it, and still reports smtp_qp_end_in_escape.
 uint64_t decode_quoted_printable(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64_t length,
-                                 Vek_status& status);
+                                 Vek_status& status, bool lenient = false);
 
 // Encodes `in` from its position to its end onto `out`. Each CR LF of the
 // input becomes a line end of `out`; lines end with `out`'s writeln.

@@ -305,7 +305,12 @@ void Smtp_rfc1521_handler::decode_quoted_printable_body(Vek_istream& stream, Fmg
   // Decoding never makes more bytes than it reads: the buffer of a small
   // body stays small, that of a large one grows only once.
   decoded->reserve(length);
-  decode_quoted_printable(stream, out, start, length, status);
+  decode_quoted_printable(stream, out, start, length, status, profile_.quoted_printable_as_clients_decode);
+  if (status == smtp_qp_end_in_escape && profile_.quoted_printable_as_clients_decode) {
+    // Decoded all the same, the unfinished escape as it stands.
+    item.log(33, smtp_log_severity, source_name_, status);
+    status.clear();
+  }
   if (status.ok()) {
     out.detach();
     uint32_t index = add_body(
@@ -373,10 +378,11 @@ void Smtp_rfc1521_handler::add_extra_reading(uint64_t start, const std::string& 
     const uint64_t size = step.ok() ? input.size(step) : 0;
     const uint64_t length = size > start ? size - start : 0;
     if (step.ok() && decoding == Smtp_decoding::quoted_printable)
-      decode_quoted_printable(input, out, start, length, step);
+      decode_quoted_printable(input, out, start, length, step, profile_.quoted_printable_as_clients_decode);
     else if (step.ok())
       decode_base64(input, out, start, length, step, profile_.base64_as_clients_decode);
     if (step == smtp_bad_base64 && profile_.base64_as_clients_decode) step.clear();
+    if (step == smtp_qp_end_in_escape && profile_.quoted_printable_as_clients_decode) step.clear();
     if (!step.ok()) return;
     out.detach();
     bytes = std::move(decoded);

@@ -125,6 +125,10 @@ struct Smtp_profile {
   // text an encoder wrote; a block behind such a line stayed inside one
   // text item. Thunderbird and Outlook find the block all the same.
   bool blocks_past_long_lines = false;
+  // A quoted-printable body whose data end inside an escape ("...=4" or a
+  // last "=") is decoded with the unfinished escape as it stands; the fault
+  // is logged. Clients show such a body; the reference drops it whole.
+  bool quoted_printable_as_clients_decode = false;
   // An RFC 1505 "Encoding" field that is empty or does not parse leaves
   // the whole body as one text part; the reference leaves the message with
   // no part at all (and an empty field is a fault of the caller there), so
@@ -165,6 +169,7 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
   // Decoding, embedded blocks and RFC 1505 bodies.
   p.base64_as_clients_decode = true;
   p.blocks_past_long_lines = true;
+  p.quoted_printable_as_clients_decode = true;
   p.unreadable_encoding_body_whole = true;
   return p;
 }();
