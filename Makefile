@@ -68,7 +68,7 @@ fuzz: build-fuzz
 # make bench: the micro benchmarks, then the explode comparison with the
 # peer libraries (installed here when missing; they are not part of the
 # normal build). make bench-explode runs only the comparison.
-PEER_PACKAGES = libgmime-3.0-dev libmimetic-dev
+PEER_PACKAGES = libgmime-3.0-dev libmimetic-dev libetpan-dev
 SUDO = $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 bench: bench-micro
