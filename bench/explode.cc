@@ -47,14 +47,16 @@ int main(int argc, char** argv) {
 
   int code = explode_bench::run(argc, argv, [&](std::string_view message, explode_bench::Exploded& out) {
     Message_tree tree(*manager, Message_tree::Borrowed{}, message, options);
-    if (!tree.root().taken()) out.fail();
+    Item_node& root = tree.root();
+    if (!root.taken()) out.fail();
+    // The manager publishes the Subject on the top item alone.
+    if (const Tav_property* subject = root.item->properties().find(ZOR_SUBJECT)) {
+      const Vek_wstring& text = subject->string_value();
+      out.subject(
+          std::string_view(reinterpret_cast<const char*>(text.data()), text.size() * sizeof(char16_t)));
+    }
     tree.for_each([&](Item_node& node) {
       if (!node.failure.empty() || node.depth_limited) out.fail();
-      if (const Tav_property* subject = node.item->properties().find(ZOR_SUBJECT)) {
-        const Vek_wstring& text = subject->string_value();
-        out.subject(
-            std::string_view(reinterpret_cast<const char*>(text.data()), text.size() * sizeof(char16_t)));
-      }
       if (node.is_leaf()) out.add(node.bytes());
     });
   });
