@@ -6,8 +6,10 @@
 // parts, message/rfc822 parts with their header fields and body. Then the
 // tree is walked: every message's Subject decoded from its encoded words
 // into UTF-8, every leaf's body decoded from its transfer encoding
-// (mailmime_part_parse; 7bit, 8bit and binary bodies are copied as they
-// are). A message the parser gives up on and a body whose decoding fails
+// (mailmime_part_parse). A 7bit, 8bit or binary body needs no decoding:
+// its leaf is the view into the input that libetpan gives, as the library's
+// own users read it, so on a plain body nothing but the sum of its bytes is
+// done. A message the parser gives up on and a body whose decoding fails
 // count as failures.
 #include <cstdlib>
 #include <cstring>
