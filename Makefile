@@ -16,7 +16,7 @@ FUZZ_TEST_SECONDS ?= 30
 FUZZ_JOBS ?= 1
 FUZZ_TARGETS ?= host_walk header encoded_words codecs block_scanner
 
-.PHONY: deps mutants all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode bench-hostile bench-mbox clean
+.PHONY: deps mutants all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode bench-refuse bench-hostile bench-mbox clean
 
 all: build
 
@@ -65,14 +65,16 @@ test: test-plain test-asan test-fuzz
 fuzz: build-fuzz
 	FUZZ_JOBS=$(FUZZ_JOBS) sh fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS) keep $(FUZZ_TARGETS)
 
-# make bench: the micro benchmarks, then the explode comparison with the
-# peer libraries (installed here when missing; they are not part of the
-# normal build). make bench-explode runs only the comparison.
-PEER_PACKAGES = libgmime-3.0-dev libmimetic-dev
+# make bench: the micro benchmarks, the explode comparison with the peer
+# libraries (installed here when missing; they are not part of the normal
+# build) and what refusing large items that are no mail costs.
+# make bench-explode and make bench-refuse run one part alone.
+PEER_PACKAGES = libgmime-3.0-dev libmimetic-dev libetpan-dev
 SUDO = $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 bench: bench-micro
 	@$(MAKE) --no-print-directory bench-explode
+	@$(MAKE) --no-print-directory bench-refuse
 
 bench-micro: build
 	@for b in $(BUILD)/bench/*_bench; do echo "== $$b"; $$b --benchmark_min_time=0.5; done
@@ -87,6 +89,11 @@ bench-explode: build bench-peer-packages
 	cmake --build $(BUILD)/bench-peers -j$(JOBS)
 	python3 bench/gen_inputs.py $(BUILD)/bench-inputs
 	python3 bench/run_bench.py --build $(BUILD) --peers $(BUILD)/bench-peers --inputs $(BUILD)/bench-inputs
+
+# /usr/bin/time reports each command's peak memory.
+bench-refuse: build
+	@[ -x /usr/bin/time ] || DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y time
+	python3 bench/refuse.py $(BUILD)
 
 # The hostile inputs at n and 10n: HOSTILE_RUNS processes, each ratio and
 # their median.

@@ -4,6 +4,10 @@
 // Message_tree opens it through the format manager and offers every
 // sub-item to the manager again (parts holding a message marked as
 // messages), down to the leaves; then every leaf's bytes are summed. The
+// tree's Subject, which the manager decodes from the first message it
+// opens, is the one Subject counted: nested messages publish none. A
+// message the manager does not take, a node whose opening or splitting
+// threw or failed, and a node below the depth bound count as failures. The
 // files are canonical already, so the line ends are kept as they are; the
 // depth bound is raised so that deeply nested messages are opened all the
 // way down, as the peers do.
@@ -17,6 +21,7 @@
 #include <string>
 
 #include "bench/explode_driver.h"
+#include "contracts/zor.h"
 #include "host/host.h"
 
 int main(int argc, char** argv) {
@@ -42,7 +47,16 @@ int main(int argc, char** argv) {
 
   int code = explode_bench::run(argc, argv, [&](std::string_view message, explode_bench::Exploded& out) {
     Message_tree tree(*manager, Message_tree::Borrowed{}, message, options);
+    Item_node& root = tree.root();
+    if (!root.taken()) out.fail();
+    // The manager publishes the Subject on the top item alone.
+    if (const Tav_property* subject = root.item->properties().find(ZOR_SUBJECT)) {
+      const Vek_wstring& text = subject->string_value();
+      out.subject(
+          std::string_view(reinterpret_cast<const char*>(text.data()), text.size() * sizeof(char16_t)));
+    }
     tree.for_each([&](Item_node& node) {
+      if (!node.failure.empty() || node.depth_limited) out.fail();
       if (node.is_leaf()) out.add(node.bytes());
     });
   });

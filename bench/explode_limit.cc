@@ -1,6 +1,7 @@
 // The lower bound for the explode drivers: one memchr pass for '\n' over
 // every message, with the same contract (`explode_limit REPEAT FILE...`,
-// see explode_driver.h). Nothing is decoded, so bytes_decoded is 0.
+// see explode_driver.h). Nothing is decoded, so bytes_decoded and the
+// counts are 0.
 #include <cstring>
 
 #include "bench/explode_driver.h"

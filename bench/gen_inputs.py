@@ -14,6 +14,8 @@ Every input is deterministic (fixed seeds) and in canonical form (CR LF):
   plain.eml        one plain message with a 64 MiB text body
   nested.eml       a message nested 50 levels: each level a multipart whose
                    last part is message/rfc822 holding the next level
+  nested5.eml      the same 51 messages and 101 leaves nested 5 levels: the
+                   top forwards ten chains of five messages
 
 A stamp file records the generator's version; when it matches, nothing is
 written again.
@@ -27,7 +29,7 @@ import re
 import sys
 import zlib
 
-VERSION = "1"
+VERSION = "2"
 MIB = 1 << 20
 
 WORDS = (
@@ -225,34 +227,71 @@ def make_plain(path: str) -> None:
     write(path, head + b"\r\n" + b"".join(body))
 
 
-# (5) a message nested 50 levels
+# (5) a message nested 50 levels, and the same parts nested 5 levels
+
+# A message's shape: None for the innermost plain message, else the list of
+# the shapes of the messages it forwards.
+def chain(levels: int, end):
+    """`levels` messages, each forwarding the next, the last forwarding `end`."""
+    shape = end
+    for _ in range(levels):
+        shape = [shape]
+    return shape
+
+
+def nested_message(rng: random.Random, shape, number: int = 1) -> bytes:
+    """The message of `shape`, its forwarded messages built first.
+
+    Each message but the innermost plain one is a multipart: a text part,
+    a Base64 part of 300 bytes, then one message/rfc822 part per message
+    it forwards. Messages are numbered in order, the top 1, and the number
+    names the level's Subject and boundary."""
+    if shape is None:
+        return (
+            headers(encoded_subject("Innerste Nachricht", True),
+                    "Content-Type: text/plain; charset=utf-8\r\nContent-Transfer-Encoding: quoted-printable\r\n")
+            + b"\r\n" + qp_encode("Die innerste Nachricht: Grüße aus der Tiefe.\n" + text_line(rng).decode())
+            + b"\r\n"
+        )
+    forwarded = []
+    next_number = number + 1
+    for child in shape:
+        forwarded.append(nested_message(rng, child, next_number))
+        next_number += count_messages(child)
+    boundary = b"=_bench_level_%02d" % number
+    out = [
+        headers(encoded_subject("Ebene %d – weitergeleitet" % number, number % 2 == 0),
+                'Content-Type: multipart/mixed; boundary="%s"\r\n' % boundary.decode()),
+        b"\r\n--" + boundary + b"\r\n",
+        b"Content-Type: text/plain; charset=us-ascii\r\nContent-Transfer-Encoding: 7bit\r\n\r\n",
+        b"Level %d forwards the message below.\r\n" % number,
+        text_line(rng) + b"\r\n",
+        b"--" + boundary + b"\r\n",
+        b'Content-Type: application/octet-stream; name="level%02d.bin"\r\n' % number,
+        b"Content-Transfer-Encoding: base64\r\n\r\n",
+        b64_lines(rng.randbytes(300)),
+    ]
+    for message in forwarded:
+        out += [b"--" + boundary + b"\r\n", b"Content-Type: message/rfc822\r\n\r\n", message]
+    out.append(b"--" + boundary + b"--\r\n")
+    return b"".join(out)
+
+
+def count_messages(shape) -> int:
+    return 1 if shape is None else 1 + sum(count_messages(child) for child in shape)
+
 
 def make_nested(path: str, levels: int = 50) -> None:
-    rng = random.Random(5)
-    inner = (
-        headers(encoded_subject("Innerste Nachricht", True),
-                "Content-Type: text/plain; charset=utf-8\r\nContent-Transfer-Encoding: quoted-printable\r\n")
-        + b"\r\n" + qp_encode("Die innerste Nachricht: Grüße aus der Tiefe.\n" + text_line(rng).decode()) + b"\r\n"
-    )
-    for level in range(levels, 0, -1):
-        boundary = b"=_bench_level_%02d" % level
-        inner = b"".join([
-            headers(encoded_subject("Ebene %d – weitergeleitet" % level, level % 2 == 0),
-                    'Content-Type: multipart/mixed; boundary="%s"\r\n' % boundary.decode()),
-            b"\r\n--" + boundary + b"\r\n",
-            b"Content-Type: text/plain; charset=us-ascii\r\nContent-Transfer-Encoding: 7bit\r\n\r\n",
-            b"Level %d forwards the message below.\r\n" % level,
-            text_line(rng) + b"\r\n",
-            b"--" + boundary + b"\r\n",
-            b'Content-Type: application/octet-stream; name="level%02d.bin"\r\n' % level,
-            b"Content-Transfer-Encoding: base64\r\n\r\n",
-            b64_lines(rng.randbytes(300)),
-            b"--" + boundary + b"\r\n",
-            b"Content-Type: message/rfc822\r\n\r\n",
-            inner,
-            b"--" + boundary + b"--\r\n",
-        ])
-    write(path, inner)
+    """A chain: each level forwards the next, the 51st is plain."""
+    write(path, nested_message(random.Random(5), chain(levels, None)))
+
+
+def make_nested_5(path: str) -> None:
+    """The same 51 messages and 101 leaves nested 5 levels: the top
+    forwards ten chains of five messages; one chain ends in the plain
+    message, the other nine in a multipart that forwards nothing."""
+    shape = [chain(4, None) if i == 0 else chain(4, []) for i in range(10)]
+    write(path, nested_message(random.Random(6), shape))
 
 
 def main() -> None:
@@ -271,6 +310,7 @@ def main() -> None:
     make_many_parts(os.path.join(args.out_dir, "many_parts.eml"))
     make_plain(os.path.join(args.out_dir, "plain.eml"))
     make_nested(os.path.join(args.out_dir, "nested.eml"))
+    make_nested_5(os.path.join(args.out_dir, "nested5.eml"))
     write(stamp, (VERSION + "\n").encode())
 
 

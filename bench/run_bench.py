@@ -1,22 +1,32 @@
 #!/usr/bin/env python3
-"""Runs the explode drivers on the five inputs and prints the comparison.
+"""Runs the explode drivers on the six inputs and prints the comparison.
 
     run_bench.py --build BUILD --peers PEERS_BUILD --inputs INPUTS [--seconds 2] [--runs 3]
 
 Drivers (each `NAME REPEAT FILE...`, printing `bytes_in=N bytes_decoded=N
-seconds=S mb_per_s=X`): smtpfm (BUILD/bench/explode) in the reference
-profile and, as "hardened", in the hardened profile, GMime and mimetic
-(PEERS_BUILD/explode_gmime, explode_mimetic) and the memchr bound
+leaves=N subjects=N failures=N seconds=S mb_per_s=X peak_kib=N`): smtpfm
+(BUILD/bench/explode) in the reference profile and, as "hardened", in the
+hardened profile, GMime, mimetic and libetpan (PEERS_BUILD/explode_gmime,
+explode_mimetic, explode_libetpan) and the memchr bound
 (BUILD/bench/explode_limit). They run one after the other, never side by
 side. For each driver and input a calibration run picks REPEAT so that one
 run takes about --seconds; then --runs runs are made and the median
-throughput is taken. The peak resident memory of each run is read from the
-kernel's accounting of the finished child (wait4), and the largest is kept.
+throughput is taken. Each run reports its peak resident memory (the
+driver's VmHWM), and the largest is kept.
 
 The two 64 MiB inputs are measured once more with glibc told to keep freed
 memory for reuse: on some virtual machines faulting in fresh pages costs
 several nanoseconds a byte, more than the work itself, and every pass that
 frees and allocates 64 MiB again pays it. Both tables are printed.
+
+Beside throughput and peak memory the tables give each row's distance from
+the goals, as a factor that meets its goal at 1.00 or more: both profiles
+at 1.5x the best peer's throughput; peak memory at or below the lowest
+peer's; the two 64 MiB rows within 3x of the memchr pass; the message
+nested 50 levels within 1.5x of the speed of the same parts nested 5
+levels. The last table holds what each driver found in one pass (bytes of
+all leaves, leaves, Subjects, failures) and flags the counts on which the
+drivers differ.
 
 The tables go to stdout in Markdown and to INPUTS/../bench-results.md.
 """
@@ -24,6 +34,7 @@ The tables go to stdout in Markdown and to INPUTS/../bench-results.md.
 import argparse
 import datetime
 import glob
+import math
 import os
 import statistics
 import subprocess
@@ -35,17 +46,25 @@ ROWS = [
     ("many_parts", "one multipart of 20,000 small parts", "many_parts.eml"),
     ("plain", "one plain message, 64 MiB text body", "plain.eml"),
     ("nested", "a message nested 50 levels", "nested.eml"),
+    ("nested5", "the same parts nested 5 levels", "nested5.eml"),
 ]
 LARGE = ("attachment", "plain")  # also run with a warm heap
-PEERS = ("gmime", "mimetic")
+PEERS = ("gmime", "mimetic", "libetpan")
+OURS = ("smtpfm", "hardened")  # the two profiles
+COUNTS = ("bytes_decoded", "leaves", "subjects", "failures")
+# The goals, each as the factor the row must reach.
+GOAL_PEER = 1.5  # throughput over the best peer's
+GOAL_LIMIT = 3.0  # the 64 MiB rows: the memchr pass at most this much faster
+GOAL_DEPTH = 1.5  # nested 5 levels at most this much faster than 50 levels
+DEPTH_ROWS = ("nested", "nested5")  # the deep row and its shallow twin
 # Freed blocks stay in the heap instead of going back to the kernel.
 WARM_TUNABLES = "glibc.malloc.mmap_threshold=4294967296:glibc.malloc.trim_threshold=4294967296"
 NAMES = {"smtpfm": "smtpfm", "hardened": "smtpfm hardened", "gmime": "GMime", "mimetic": "mimetic",
-         "limit": "memchr"}
+         "libetpan": "libetpan", "limit": "memchr"}
 
 
 def measure(program, repeat, files, env=None):
-    """One run: (figures, peak resident set in KiB)."""
+    """One run: its figures, the peak resident set in KiB among them."""
     read_fd, write_fd = os.pipe()
     pid = os.fork()
     if pid == 0:
@@ -67,25 +86,22 @@ def measure(program, repeat, files, env=None):
             break
         chunks.append(chunk)
     os.close(read_fd)
-    _, status, usage = os.wait4(pid, 0)
+    _, status = os.waitpid(pid, 0)
     code = os.waitstatus_to_exitcode(status)
     if code != 0:
         sys.exit("%s %d ... failed with exit code %d" % (program, repeat, code))
     fields = dict(item.split("=", 1) for item in b"".join(chunks).decode().split())
-    figures = {
-        "bytes_in": int(fields["bytes_in"]),
-        "bytes_decoded": int(fields["bytes_decoded"]),
-        "seconds": float(fields["seconds"]),
-        "mb_per_s": float(fields["mb_per_s"]),
-    }
-    return figures, usage.ru_maxrss  # KiB on Linux
+    figures = {"bytes_in": int(fields["bytes_in"]), "seconds": float(fields["seconds"]),
+               "mb_per_s": float(fields["mb_per_s"]), "peak_kib": int(fields["peak_kib"])}
+    figures.update((count, int(fields[count])) for count in COUNTS)
+    return figures
 
 
 def calibrate(program, files, seconds, env=None):
     """A REPEAT for which one run takes about `seconds`."""
     repeat = 1
     while True:
-        figures, _ = measure(program, repeat, files, env)
+        figures = measure(program, repeat, files, env)
         if figures["seconds"] >= 0.2 or repeat >= 1 << 24:
             break
         repeat *= max(2, min(100, int(0.25 / max(figures["seconds"], 1e-6))))
@@ -95,6 +111,13 @@ def calibrate(program, files, seconds, env=None):
 
 def fmt_rate(value):
     return "%.0f" % value if value >= 10 else "%.1f" % value
+
+
+def fmt_goal(value):
+    """A distance from a goal, met at 1.00 or more (bold); cut, not rounded,
+    so that 0.999 does not read as met."""
+    value = math.floor(value * 100) / 100
+    return ("**%.2f**" if value >= 1.0 else "%.2f") % value
 
 
 def git(*args):
@@ -120,6 +143,7 @@ def main():
         "hardened": os.path.join(args.build, "bench", "explode"),
         "gmime": os.path.join(args.peers, "explode_gmime"),
         "mimetic": os.path.join(args.peers, "explode_mimetic"),
+        "libetpan": os.path.join(args.peers, "explode_libetpan"),
         "limit": os.path.join(args.build, "bench", "explode_limit"),
     }
     # The one driver run with an environment of its own.
@@ -142,36 +166,63 @@ def main():
                 repeat = calibrate(program, files, args.seconds, run_env)
                 rates, rss, figures = [], [], None
                 for _ in range(args.runs):
-                    figures, peak = measure(program, repeat, files, run_env)
+                    figures = measure(program, repeat, files, run_env)
                     rates.append(figures["mb_per_s"])
-                    rss.append(peak)
-                results[key, name] = {
-                    "mb_per_s": statistics.median(rates),
-                    "spread": (min(rates), max(rates)),
-                    "repeat": repeat,
-                    "bytes_in": figures["bytes_in"],
-                    "bytes_decoded": figures["bytes_decoded"],
-                    "rss_kib": max(rss),
-                }
+                    rss.append(figures["peak_kib"])
+                results[key, name] = dict(
+                    ((count, figures[count]) for count in COUNTS),
+                    mb_per_s=statistics.median(rates),
+                    spread=(min(rates), max(rates)),
+                    repeat=repeat,
+                    bytes_in=figures["bytes_in"],
+                    rss_kib=max(rss),
+                )
                 print("  %-10s %-8s %sREPEAT=%-6d median %8.1f MB/s (%.1f..%.1f)  peak %d KiB" % (
                     key, name, "warm " if env else "", repeat, statistics.median(rates), min(rates), max(rates),
                     max(rss)), file=sys.stderr)
         return results
 
     def rate_table(selected, results):
-        out = ["| input | MB in | smtpfm | hardened | hardened / smtpfm | GMime | mimetic | memchr | best peer "
-               "| smtpfm / best peer | smtpfm / memchr |",
-               "|---|---:|---:|---:|---:|---:|---:|---:|---|---:|---:|"]
+        out = ["| input | MB in | smtpfm | hardened | GMime | mimetic | libetpan | memchr | best peer "
+               "| smtpfm / best peer | hardened / best peer | smtpfm / memchr |",
+               "|---|---:|---:|---:|---:|---:|---:|---:|---|---:|---:|---:|"]
         for key, label, _ in selected:
             r = {name: results[key, name] for name in drivers}
             best = max(PEERS, key=lambda p: r[p]["mb_per_s"])
-            ours = r["smtpfm"]["mb_per_s"]
-            hardened = r["hardened"]["mb_per_s"]
-            out.append("| %s | %.1f | %s | %s | %.2f | %s | %s | %s | %s | %.2fx | %.3f |" % (
-                label, r["smtpfm"]["bytes_in"] / 1e6, fmt_rate(ours), fmt_rate(hardened), hardened / ours,
-                fmt_rate(r["gmime"]["mb_per_s"]),
-                fmt_rate(r["mimetic"]["mb_per_s"]), fmt_rate(r["limit"]["mb_per_s"]), NAMES[best],
-                ours / r[best]["mb_per_s"], ours / r["limit"]["mb_per_s"]))
+            out.append("| %s | %.1f | %s | %.2fx | %.2fx | %.3f |" % (
+                label, r["smtpfm"]["bytes_in"] / 1e6,
+                " | ".join(fmt_rate(r[name]["mb_per_s"]) for name in drivers) + " | " + NAMES[best],
+                r["smtpfm"]["mb_per_s"] / r[best]["mb_per_s"], r["hardened"]["mb_per_s"] / r[best]["mb_per_s"],
+                r["smtpfm"]["mb_per_s"] / r["limit"]["mb_per_s"]))
+        return out
+
+    def goal_table(selected, results):
+        """Each row's distance from its goals, per profile."""
+        out = ["| input | 1.5x best peer: smtpfm | hardened | peak memory: smtpfm | hardened "
+               "| own goal | smtpfm | hardened |",
+               "|---|---:|---:|---:|---:|---|---:|---:|"]
+        met = total = 0
+        keys = [key for key, _, _ in selected]
+        for key, label, _ in selected:
+            r = {name: results[key, name] for name in drivers}
+            best = max(r[p]["mb_per_s"] for p in PEERS)
+            lowest = min(r[p]["rss_kib"] for p in PEERS)
+            goals = [r[ours]["mb_per_s"] / best / GOAL_PEER for ours in OURS]
+            goals += [lowest / r[ours]["rss_kib"] for ours in OURS]
+            own = "-"
+            if key in LARGE:
+                own = "%gx of memchr" % GOAL_LIMIT
+                goals += [r[ours]["mb_per_s"] * GOAL_LIMIT / r["limit"]["mb_per_s"] for ours in OURS]
+            elif key == DEPTH_ROWS[0] and DEPTH_ROWS[1] in keys:
+                own = "%gx of 5 levels" % GOAL_DEPTH
+                shallow = {name: results[DEPTH_ROWS[1], name] for name in OURS}
+                goals += [r[ours]["mb_per_s"] * GOAL_DEPTH / shallow[ours]["mb_per_s"] for ours in OURS]
+            cells = [fmt_goal(g) for g in goals] + (["-", "-"] if len(goals) == 4 else [])
+            out.append("| %s | %s | %s | %s | %s | %s | %s | %s |" % (label, *cells[:4], own, *cells[4:]))
+            met += sum(1 for g in goals if g >= 1.0)
+            total += len(goals)
+        out.append("")
+        out.append("Goals met: %d of %d." % (met, total))
         return out
 
     results = run_rows(rows)
@@ -206,21 +257,33 @@ def main():
         lines.append("")
         lines.append("Peak resident memory in MiB (each driver holds the input it read):")
         lines.append("")
-        lines.append("| input | MiB in | smtpfm | hardened | GMime | mimetic | memchr |")
-        lines.append("|---|---:|---:|---:|---:|---:|---:|")
+        lines.append("| input | MiB in | smtpfm | hardened | GMime | mimetic | libetpan | memchr | lowest peer |")
+        lines.append("|---|---:|---:|---:|---:|---:|---:|---:|---|")
         for key, label, _ in rows:
             r = {name: results[key, name] for name in drivers}
-            lines.append("| %s | %.1f | %.0f | %.0f | %.0f | %.0f | %.0f |" % (
+            lowest = min(PEERS, key=lambda p: r[p]["rss_kib"])
+            lines.append("| %s | %.1f | %s | %s |" % (
                 label, r["smtpfm"]["bytes_in"] / 2**20,
-                *(r[name]["rss_kib"] / 1024 for name in ("smtpfm", "hardened", "gmime", "mimetic", "limit"))))
-    lines.append("")
-    lines.append("Bytes of all leaves per pass (the same job done, where they agree):")
-    lines.append("")
-    lines.append("| input | smtpfm | hardened | GMime | mimetic |")
-    lines.append("|---|---:|---:|---:|---:|")
-    for key, label, _ in rows:
-        lines.append("| %s | %d | %d | %d | %d |" % (
-            label, *(results[key, name]["bytes_decoded"] for name in ("smtpfm", "hardened", "gmime", "mimetic"))))
+                " | ".join(fmt_rate(r[name]["rss_kib"] / 1024) for name in drivers), NAMES[lowest]))
+        lines.append("")
+        lines.append("Distance from the goals, as a factor that meets its goal at 1.00 or more (in bold): "
+                     "our throughput / (%g x the best peer's); the lowest peer's peak memory / ours; on the "
+                     "64 MiB rows %g x our throughput / memchr's; on the 50 levels %g x their throughput / "
+                     "the 5 levels'." % (GOAL_PEER, GOAL_LIMIT, GOAL_DEPTH))
+        lines.append("")
+        lines.extend(goal_table(rows, results))
+        lines.append("")
+        lines.append("What each driver found in one pass; \"differs\" flags the counts on which the drivers "
+                     "do not agree (the README says why):")
+        lines.append("")
+        lines.append("| input | count | smtpfm | hardened | GMime | mimetic | libetpan | |")
+        lines.append("|---|---|---:|---:|---:|---:|---:|---|")
+        found = [name for name in drivers if name != "limit"]
+        for key, label, _ in rows:
+            for count in COUNTS:
+                values = [results[key, name][count] for name in found]
+                lines.append("| %s | %s | %s | %s |" % (
+                    label, count, " | ".join(str(v) for v in values), "differs" if len(set(values)) > 1 else ""))
 
     text = "\n".join(lines) + "\n"
     print(text)
