@@ -113,7 +113,7 @@ struct Message {
   uint64_t size = 0;
   bool too_large = false;
   std::string failure;
-  Clock::time_point start = Clock::now();
+  Clock::time_point start;  // set at the end of the message, when the work begins
   bool counted = false;
 
   ~Message() { end(); }
@@ -415,6 +415,7 @@ sfsistat on_eom(SMFICTX* ctx) {
   Connection* connection = connection_of(ctx);
   if (connection == nullptr || connection->message == nullptr) return SMFIS_TEMPFAIL;
   Message& message = *connection->message;
+  message.start = Clock::now();  // the time logged is the milter's own
   const char* id = smfi_getsymval(ctx, const_cast<char*>("i"));
   const std::string queue_id = id != nullptr ? id : "NOQUEUE";
   std::shared_ptr<const Policy> policy = daemon_state->current_policy();
@@ -540,15 +541,17 @@ int run_milter(const Host_options& host_options, const Milter_options& options) 
   sigaddset(&signals, SIGINT);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-  std::atomic<bool> milter_ended{false}, stop_asked{false};
+  // The milter thread starts libmilter once this thread waits for
+  // signals; from then on this thread only leaves the wait for the moment
+  // it takes to hand a reload over.
+  std::atomic<bool> waiting{false}, milter_ended{false}, stop_asked{false};
   std::atomic<int> milter_result{0};
   std::thread milter([&] {
+    while (!waiting) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     milter_result = smfi_main();
     milter_ended = true;
     if (!stop_asked) kill(getpid(), SIGTERM);  // wakes the wait below
   });
-  // Reloads run beside the wait, so that the next signal finds this
-  // thread waiting.
   std::mutex reload_mutex;
   std::condition_variable reload_wanted;
   int reloads = 0;
@@ -568,6 +571,7 @@ int run_milter(const Host_options& host_options, const Milter_options& options) 
              std::to_string(daemon.policy->rules.size()) + " rules from " + options.policy_path);
   while (true) {
     int signal = 0;
+    waiting = true;
     if (sigwait(&signals, &signal) != 0) continue;
     if (signal == SIGHUP) {
       std::lock_guard lock(reload_mutex);
