@@ -140,8 +140,7 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
   Evaluation evaluation;
   std::vector<Item_node*> disarmed;
   std::unordered_set<const Item_node*> gone;
-  Action strongest = Action::accept;
-  const Rule* decider = nullptr;  // the rule of the strongest action
+  const Rule* decider = nullptr;  // the first rule of the strongest action
   tree.for_each([&](Item_node& node) {
     // What lies inside an item that goes is not asked about.
     for (const Item_node* at = node.parent; at != nullptr; at = at->parent)
@@ -155,10 +154,7 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
       decision.action = decision.rule->outcome.action;
       if (std::find(evaluation.rules.begin(), evaluation.rules.end(), decision.rule->name) == evaluation.rules.end())
         evaluation.rules.push_back(decision.rule->name);
-      if (decider == nullptr || decision.action > strongest) {
-        strongest = decision.action;
-        decider = decision.rule;
-      }
+      if (decider == nullptr || decision.action > decider->outcome.action) decider = decision.rule;
       if (decision.action == Action::disarm) {
         disarmed.push_back(&node);
         gone.insert(&node);

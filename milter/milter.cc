@@ -114,15 +114,14 @@ struct Message {
   bool too_large = false;
   std::string failure;
   Clock::time_point start;  // set at the end of the message, when the work begins
-  bool counted = false;
 
-  ~Message() { end(); }
-  void end() {
+  Message() { ++daemon_state->under_way; }
+  ~Message() {
     if (spill >= 0) close(spill);
-    spill = -1;
-    if (counted) --daemon_state->under_way;
-    counted = false;
+    --daemon_state->under_way;
   }
+  Message(const Message&) = delete;
+  Message& operator=(const Message&) = delete;
   void append(std::string_view data) {
     if (too_large || !failure.empty()) return;
     size += data.size();
@@ -366,8 +365,6 @@ sfsistat on_envfrom(SMFICTX* ctx, char**) {
   if (connection == nullptr) return SMFIS_TEMPFAIL;
   try {
     connection->message = std::make_unique<Message>();
-    connection->message->counted = true;
-    ++daemon_state->under_way;
   } catch (const std::exception&) {
     return SMFIS_TEMPFAIL;
   }
@@ -448,13 +445,7 @@ sfsistat on_eom(SMFICTX* ctx) {
       // Half a change is worse than none: the mail server keeps the
       // message and tries again.
       if (evaluation.error.empty()) evaluation.error = "the mail server refused a change";
-      evaluation.outcome = policy->on_error.action >= Action::tempfail ? policy->on_error : Outcome{};
-      if (evaluation.outcome.action != Action::reject) {
-        evaluation.outcome.action = Action::tempfail;
-        evaluation.outcome.code = "451";
-        evaluation.outcome.status = "4.3.0";
-        evaluation.outcome.text = "Message could not be filtered, try again later";
-      }
+      evaluation.outcome = {Action::tempfail, "451", "4.3.0", "Message could not be filtered, try again later", 0};
       result = refuse(ctx, evaluation.outcome);
     }
   }

@@ -20,19 +20,14 @@ TEST(Policy, BadFilesAreRefusedWithLineAndReason) {
       {"reject with 4xx", "[[rule]]\naction = \"reject\"\ncode = 451\n", "3: \"code\" of reject must be 5xx"},
       {"tempfail with 5xx", "on-error = { action = \"tempfail\", code = 554 }\n", "1: \"code\" of tempfail must be 4xx"},
       {"status of another class", "[[rule]]\naction = \"reject\"\nstatus = \"4.7.1\"\n", "3: \"status\" must be"},
-      {"status shape", "[[rule]]\naction = \"reject\"\nstatus = \"5..1\"\n", "3: \"status\" must be"},
       {"text with a line end", "[[rule]]\naction = \"reject\"\ntext = \"a\\r\\nb\"\n", "3: \"text\" must be one line"},
       {"reply on accept", "[[rule]]\naction = \"disarm\"\ncode = 550\n", "3: \"code\" needs action reject"},
       {"exit 0 refuses nothing", "[[rule]]\naction = \"reject\"\nexit = 0\n", "3: \"exit\" of a refusal cannot be 0"},
       {"type without subtype", "[[rule]]\naction = \"reject\"\ntype = \"application\"\n", "3: \"type\" patterns"},
       {"bad item type", "[[rule]]\naction = \"reject\"\nitem-type = \"part\"\n", "3: \"item-type\" is attachment"},
       {"negative size", "[[rule]]\naction = \"reject\"\nmin-size = -1\n", "3: \"min-size\" must be between"},
-      {"flag not a bool", "[[rule]]\naction = \"reject\"\nencrypted = \"yes\"\n", "3: \"encrypted\" must be true"},
       {"names repeat", "[[rule]]\nname = \"a\"\naction = \"accept\"\n[[rule]]\nname = \"a\"\naction = \"accept\"\n",
        "4: a second rule named \"a\""},
-      {"name with a comma", "[[rule]]\nname = \"a,b\"\naction = \"accept\"\n", "2: \"name\" must be"},
-      {"header name with a blank", "verdict-header = \"X Verdict\"\n", "1: \"verdict-header\" must be"},
-      {"rule not a table array", "rule = 1\n", "1: rules are written"},
   };
   for (const auto& c : cases) {
     std::string error;
