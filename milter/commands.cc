@@ -54,8 +54,11 @@ bool read_bytes(const std::string& path, std::string& bytes) {
   int fd = open(path.c_str(), O_RDONLY);
   if (fd < 0) return false;
   struct stat status;
-  bool ok = fstat(fd, &status) == 0 && !S_ISDIR(status.st_mode) && read_all(fd, bytes);
+  const bool folder = fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
+  const bool ok = !folder && read_all(fd, bytes);
+  const int error = folder ? EISDIR : errno;
   close(fd);
+  errno = error;
   return ok;
 }
 
