@@ -9,6 +9,7 @@
 #include <sysexits.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -245,12 +246,10 @@ std::string with_lf(std::string value) {
 bool send_header_changes(SMFICTX* ctx, const std::vector<std::pair<std::string, std::string>>& before,
                          const std::vector<std::pair<std::string, std::string>>& after, bool lead_space) {
   std::vector<std::string> names;
-  for (const auto& [name, value] : before)
-    if (std::none_of(names.begin(), names.end(), [&](const std::string& n) { return same_name(n, name); }))
-      names.push_back(name);
-  for (const auto& [name, value] : after)
-    if (std::none_of(names.begin(), names.end(), [&](const std::string& n) { return same_name(n, name); }))
-      names.push_back(name);
+  for (const auto* fields : {&before, &after})
+    for (const auto& field : *fields)
+      if (std::none_of(names.begin(), names.end(), [&](const std::string& n) { return same_name(n, field.first); }))
+        names.push_back(field.first);
   for (const auto& name : names) {
     std::vector<std::string> old_values, new_values;
     for (const auto& [n, v] : before)
