@@ -165,24 +165,23 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
   evaluation.outcome = decider != nullptr ? decider->outcome : policy.default_outcome;
   // Disarms are carried out as long as the message passes on at all.
   if (!evaluation.passes() || disarmed.empty()) return evaluation;
+  // A disarm that cannot be carried out leaves on-error to decide, with
+  // the decisions made so far kept for the report.
+  auto failed = [&](const std::string& reason) {
+    Evaluation out = unreadable(policy, reason);
+    out.items = std::move(evaluation.items);
+    out.rules = std::move(evaluation.rules);
+    return out;
+  };
   size_t next = 0;
   for (Item_node* node : disarmed) {
     while (evaluation.items[next].path != node->path) ++next;
     Item_decision& decision = evaluation.items[next];
-    if (!disarm(tree, *node, notice_text(policy.notice, decision), decision.error)) {
-      Evaluation failed = unreadable(policy, "item " + decision.path + " cannot be disarmed: " + decision.error);
-      failed.items = std::move(evaluation.items);
-      failed.rules = std::move(evaluation.rules);
-      return failed;
-    }
+    if (!disarm(tree, *node, notice_text(policy.notice, decision), decision.error))
+      return failed("item " + decision.path + " cannot be disarmed: " + decision.error);
   }
   std::string error;
-  if (!tree.rebuild(evaluation.message, error)) {
-    Evaluation failed = unreadable(policy, "the disarmed message cannot be written: " + error);
-    failed.items = std::move(evaluation.items);
-    failed.rules = std::move(evaluation.rules);
-    return failed;
-  }
+  if (!tree.rebuild(evaluation.message, error)) return failed("the disarmed message cannot be written: " + error);
   evaluation.rewritten = true;
   return evaluation;
 }

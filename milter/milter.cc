@@ -407,7 +407,7 @@ sfsistat on_body(SMFICTX* ctx, unsigned char* data, size_t size) {
   return quietly(connection);
 }
 
-sfsistat on_eom(SMFICTX* ctx) {
+sfsistat end_of_message(SMFICTX* ctx) {
   Connection* connection = connection_of(ctx);
   if (connection == nullptr || connection->message == nullptr) return SMFIS_TEMPFAIL;
   Message& message = *connection->message;
@@ -451,6 +451,17 @@ sfsistat on_eom(SMFICTX* ctx) {
   daemon_state->log(log_line(queue_id, evaluation, message));
   connection->message.reset();
   return result;
+}
+
+// Nothing that goes wrong with one message may end the daemon: what
+// escapes (a failed allocation while logging) leaves the mail with the
+// server, to be tried again.
+sfsistat on_eom(SMFICTX* ctx) {
+  try {
+    return end_of_message(ctx);
+  } catch (...) {
+    return SMFIS_TEMPFAIL;
+  }
 }
 
 sfsistat on_abort(SMFICTX* ctx) {
