@@ -35,6 +35,8 @@ import threading
 import time
 
 SKIP = 77
+# The postfix command lives in /usr/sbin, which a CI's PATH may lack.
+POSTFIX = shutil.which("postfix") or shutil.which("postfix", path="/usr/sbin:/sbin")
 DOMAIN = "smtpfm.test"
 
 POLICY = """
@@ -153,12 +155,12 @@ smtputf8_enable = no
             raise RuntimeError("the milter did not start: " + self.log("milter.log"))
 
     def start_postfix(self):
-        subprocess.run(["postfix", "-c", self.conf, "start"], check=True, capture_output=True)
+        subprocess.run([POSTFIX, "-c", self.conf, "start"], check=True, capture_output=True)
         if not wait_for_port(self.smtp_port):
             raise RuntimeError("postfix did not start: " + self.log("maillog"))
 
     def stop(self):
-        subprocess.run(["postfix", "-c", self.conf, "stop"], capture_output=True)
+        subprocess.run([POSTFIX, "-c", self.conf, "stop"], capture_output=True)
         # postfix stop returns before master is gone; the queue folder must
         # not be removed under it.
         pid_file = f"{self.queue}/pid/master.pid"
@@ -328,7 +330,7 @@ def main():
     if os.geteuid() != 0:
         print("SKIPPED: a private Postfix needs root (run make test as root or with sudo)")
         return SKIP
-    if shutil.which("postfix") is None:
+    if POSTFIX is None:
         print("FAILED: postfix is not installed (tools/deps.sh installs it)")
         return 1
     lab = Lab(bin_dir, work)
