@@ -16,7 +16,7 @@ FUZZ_TEST_SECONDS ?= 30
 FUZZ_JOBS ?= 1
 FUZZ_TARGETS ?= host_walk header encoded_words codecs block_scanner
 
-.PHONY: deps mutants all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode bench-refuse bench-hostile bench-mbox clean
+.PHONY: deps mutants all build build-asan build-fuzz demo test test-plain test-asan test-fuzz fuzz bench bench-micro bench-peer-packages bench-explode bench-refuse bench-hostile bench-mbox bench-milter clean
 
 all: build
 
@@ -106,6 +106,14 @@ bench-hostile: build
 MBOX_GIB ?= 2
 bench-mbox: build
 	sh bench/mbox_scan.sh $(BUILD) $(MBOX_GIB)
+
+# Messages through smtpfm milter over 2 and 8 connections (the explode
+# inputs and MILTER_SMALL small messages) beside the cost of the walk that
+# smtpfm tree makes.
+MILTER_SMALL ?= 10000
+bench-milter: build
+	python3 bench/gen_inputs.py $(BUILD)/bench-inputs
+	$(BUILD)/milter/milter_bench $(BUILD)/bin/smtpfm $(BUILD)/bench-inputs $(MILTER_SMALL)
 
 # Small faults put into FILES one at a time; the report lists those that
 # no test catches. MUTANTS=0 takes every mutant.

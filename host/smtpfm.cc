@@ -15,6 +15,7 @@
 #include "host/host.h"
 #include "host/report.h"
 #include "host/scan.h"
+#include "milter/commands.h"
 #include "platform/vek/registry.h"
 
 namespace fs = std::filesystem;
@@ -290,6 +291,9 @@ int main(int argc, char** argv) {
   auto* dereg = app.add_subcommand("deregister", "Withdraw the plug-in from the registry");
   dereg->add_option("--registry", options.registry, "The registry's folder");
   dereg->add_option("--module", options.module_path, "The plug-in to deregister");
+
+  // check, filter and milter run from their callbacks during the parse.
+  add_mail_server_commands(app, options);
 
   CLI11_PARSE(app, argc, argv);
   try {

@@ -14,8 +14,11 @@ set -eu
 
 # The compiler, make and git are taken as given (a machine that cloned the
 # repository and runs make has them); everything else is listed.
+# The milter needs libmilter and toml++; its tests a real Postfix and
+# miltertest.
 PACKAGES="cmake g++ libgtest-dev libgmock-dev libbenchmark-dev libicu-dev
-libcli11-dev nlohmann-json3-dev clang-14 libclang-rt-14-dev python3"
+libcli11-dev nlohmann-json3-dev clang-14 libclang-rt-14-dev python3
+libmilter-dev libtomlplusplus-dev postfix miltertest"
 
 missing=""
 for p in $PACKAGES; do
@@ -41,6 +44,12 @@ fi
 
 echo "installing: $missing" >&2
 export DEBIAN_FRONTEND=noninteractive
+# Postfix asks how to configure the machine's mail; the tests run their own
+# private instance, so the system's is left unconfigured (and not started).
+case " $missing " in
+  *" postfix "*)
+    echo "postfix postfix/main_mailer_type select No configuration" | $sudo debconf-set-selections ;;
+esac
 # A fresh machine has no package lists yet; an old list may name versions
 # the mirror no longer has, so a failed install gets one update and a retry.
 $sudo apt-get install -y -qq $missing >/dev/null 2>&1 || {

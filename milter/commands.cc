@@ -1,0 +1,279 @@
+#include "milter/commands.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sysexits.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+#include "host/report.h"
+#include "milter/evaluate.h"
+#include "milter/milter.h"
+
+namespace {
+
+// Ends the command with one line on stderr and `code`.
+[[noreturn]] void fail(const std::string& message, int code = 1) {
+  std::cerr << "smtpfm: " << message << '\n';
+  throw CLI::RuntimeError(code);
+}
+
+// Standard input and output go by read and write in large blocks: a
+// 90 MB message through the C++ streams costs more than taking it apart.
+bool read_all(int fd, std::string& bytes) {
+  constexpr size_t block = 1 << 20;
+  bytes.clear();
+  while (true) {
+    const size_t size = bytes.size();
+    bytes.resize(size + block);
+    const ssize_t n = read(fd, bytes.data() + size, block);
+    bytes.resize(size + static_cast<size_t>(std::max<ssize_t>(n, 0)));
+    if (n < 0 && errno != EINTR) return false;
+    if (n == 0) return true;
+  }
+}
+
+bool write_all(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    ssize_t n = write(fd, bytes.data(), bytes.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    bytes.remove_prefix(static_cast<size_t>(n));
+  }
+  return true;
+}
+
+bool read_bytes(const std::string& path, std::string& bytes) {
+  if (path == "-") return read_all(0, bytes);
+  int fd = open(path.c_str(), O_RDONLY);
+  if (fd < 0) return false;
+  struct stat status;
+  const bool folder = fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
+  const bool ok = !folder && read_all(fd, bytes);
+  const int error = folder ? EISDIR : errno;
+  close(fd);
+  errno = error;
+  return ok;
+}
+
+// The plug-in with one manager; ends the command with `code` on failure.
+struct Plugin {
+  Plugin(const Host_options& options, int code) {
+    std::string error;
+    library = Plugin_library::load(options, error);
+    if (library) manager.reset(library->create_manager(options, error));
+    if (!manager) fail(error, code);
+  }
+  std::unique_ptr<Plugin_library> library;
+  Manager_ptr manager;  // released before the library unloads
+};
+
+Policy load_policy(const std::string& path, int code) {
+  std::string error;
+  std::optional<Policy> policy = Policy::load(path, error);
+  if (!policy) fail(error, code);
+  return std::move(*policy);
+}
+
+// The policy applied to `bytes`; a plug-in call that throws is a message
+// that cannot be read.
+Evaluation evaluate_bytes(const Policy& policy, Plugin& plugin, const Host_options& options, std::string bytes,
+                          std::string& passed_on) {
+  try {
+    Message_tree tree(*plugin.manager, std::move(bytes), options);
+    Evaluation evaluation = evaluate(policy, tree);
+    if (evaluation.passes()) {
+      passed_on = with_verdict_header(evaluation.rewritten ? std::string_view(evaluation.message) : tree.input(),
+                                      policy.verdict_header, evaluation.verdict_text());
+    }
+    return evaluation;
+  } catch (const std::exception& e) {
+    return unreadable(policy, std::string("internal failure: ") + e.what());
+  }
+}
+
+std::string reply_text(const Outcome& outcome) {
+  return outcome.code.empty() ? std::string() : outcome.code + " " + outcome.status + " " + outcome.text;
+}
+
+Json evaluation_json(const std::string& file, const Evaluation& evaluation) {
+  Json items = Json::array();
+  for (const auto& item : evaluation.items) {
+    Json names = Json::array();
+    for (const auto& name : item.facts.names) names.push_back(name);
+    Json out{{"path", item.path},       {"names", names},
+             {"type", item.facts.mime_type}, {"item_type", item.facts.item_type},
+             {"size", item.facts.size},  {"depth", item.facts.depth},
+             {"encrypted", item.facts.encrypted}, {"signed", item.facts.is_signed},
+             {"action", action_name(item.action)}};
+    out["rule"] = item.rule ? Json(item.rule->name) : Json(nullptr);
+    out["line"] = item.rule ? Json(item.rule->line) : Json(nullptr);
+    if (!item.error.empty()) out["error"] = item.error;
+    items.push_back(std::move(out));
+  }
+  Json document{{"file", file}, {"verdict", action_name(evaluation.outcome.action)}, {"rules", evaluation.rules}};
+  if (!evaluation.outcome.code.empty())
+    document["reply"] = {{"code", evaluation.outcome.code},
+                         {"status", evaluation.outcome.status},
+                         {"text", evaluation.outcome.text}};
+  document["rewritten"] = evaluation.rewritten;
+  if (!evaluation.error.empty()) document["error"] = evaluation.error;
+  document["items"] = std::move(items);
+  return document;
+}
+
+std::string evaluation_text(const std::string& file, const Evaluation& evaluation) {
+  std::string out = file + ": " + action_name(evaluation.outcome.action);
+  if (!evaluation.outcome.code.empty()) out += " (" + reply_text(evaluation.outcome) + ")";
+  if (!evaluation.error.empty()) out += " on-error: " + evaluation.error;
+  out += "\n";
+  for (const auto& item : evaluation.items) {
+    std::string line = "  [" + item.path + "]";
+    if (!item.facts.item_type.empty()) line += " " + item.facts.item_type;
+    if (!item.facts.mime_type.empty()) line += " " + item.facts.mime_type;
+    for (const auto& name : item.facts.names) line += " \"" + name + "\"";
+    line += " " + std::to_string(item.facts.size) + " bytes";
+    if (item.facts.encrypted) line += " encrypted";
+    if (item.facts.is_signed) line += " signed";
+    if (item.facts.depth_limited) line += " depth-limit";
+    line += " -> " + std::string(action_name(item.action));
+    line += item.rule ? " by rule " + item.rule->name + " (line " + std::to_string(item.rule->line) + ")"
+                      : std::string(" (no rule)");
+    if (!item.error.empty()) line += ": " + item.error;
+    out += line + "\n";
+  }
+  return out;
+}
+
+void run_check(const Host_options& options, const std::string& policy_path, const std::vector<std::string>& files,
+               bool json, const std::string& write) {
+  if (!write.empty() && files.size() != 1) fail("--write takes one message");
+  Policy policy = load_policy(policy_path, 1);
+  Plugin plugin(options, 1);
+  for (const auto& file : files) {
+    std::string bytes, passed_on;
+    if (!read_bytes(file, bytes)) fail(file + ": cannot read: " + std::strerror(errno));
+    Evaluation evaluation = evaluate_bytes(policy, plugin, options, std::move(bytes), passed_on);
+    std::cout << (json ? evaluation_json(file, evaluation).dump() + "\n" : evaluation_text(file, evaluation));
+    if (write.empty()) continue;
+    if (!evaluation.passes()) fail(file + ": refused, nothing to write");
+    std::ofstream out(write, std::ios::binary | std::ios::trunc);
+    out.write(passed_on.data(), static_cast<std::streamsize>(passed_on.size()));
+    if (!out.flush()) fail(write + ": cannot write");
+  }
+}
+
+// CR LF line ends made bare LF again.
+std::string with_bare_lf(std::string message) {
+  std::string out;
+  out.reserve(message.size());
+  for (size_t i = 0; i < message.size(); ++i)
+    if (!(message[i] == '\r' && i + 1 < message.size() && message[i + 1] == '\n')) out += message[i];
+  return out;
+}
+
+// Every failure of our own is a temporary one: the mail server keeps the
+// message and tries again.
+void run_filter(const Host_options& options, const std::string& policy_path) {
+  Policy policy = load_policy(policy_path, EX_TEMPFAIL);
+  Plugin plugin(options, EX_TEMPFAIL);
+  std::string bytes, passed_on;
+  if (!read_bytes("-", bytes)) fail("standard input: cannot read", EX_TEMPFAIL);
+  // Mail from a pipe mostly comes with bare LF line ends; only then is the
+  // output given back with them.
+  const bool lf_only = bytes.find("\r\n") == std::string::npos;
+  Evaluation evaluation = evaluate_bytes(policy, plugin, options, std::move(bytes), passed_on);
+  if (!evaluation.error.empty()) std::cerr << "smtpfm: on-error: " << evaluation.error << '\n';
+  if (!evaluation.passes()) {
+    std::cerr << reply_text(evaluation.outcome) << '\n';
+    throw CLI::RuntimeError(evaluation.outcome.exit_code);
+  }
+  if (lf_only) passed_on = with_bare_lf(std::move(passed_on));
+  if (!write_all(1, passed_on)) fail("standard output: cannot write", EX_TEMPFAIL);
+}
+
+// Runs a command from its parse callback: any failure that escapes it
+// ends smtpfm with one line and `code`, never with a crash.
+std::function<void()> guarded(std::function<void()> command, int code) {
+  return [command = std::move(command), code] {
+    try {
+      command();
+    } catch (const CLI::RuntimeError&) {
+      throw;
+    } catch (const std::exception& e) {
+      fail(e.what(), code);
+    }
+  };
+}
+
+// The options of every smtpfm command, but for --policy, which here names
+// the attachment policy (the manager's policy list stays empty).
+void add_host_options(CLI::App* command, Host_options& options) {
+  command->add_option("--module", options.module_path, "The plug-in to load (default: smtp.so beside smtpfm)");
+  command->add_option("--registry", options.registry, "Find the plug-in through the registry in this folder");
+  command->add_option("--export-header", options.export_headers, "Give this header field as a sub-item")
+      ->take_all();
+  command->add_flag("--add-body", options.add_body, "Add an empty text body to a message that has none");
+  command->add_option("--max-depth", options.max_depth, "Open items down to this depth (default 64)");
+}
+
+}  // namespace
+
+void add_mail_server_commands(CLI::App& app, Host_options& options) {
+  // Shared by the callbacks, which run after the parse fills them.
+  struct Settings {
+    std::string policy, write;
+    std::vector<std::string> files;
+    bool json = false;
+    Milter_options milter;
+  };
+  auto settings = std::make_shared<Settings>();
+
+  auto* check = app.add_subcommand("check", "What a policy does with each message, item by item, and why");
+  check->add_option("--policy", settings->policy, "The policy file (TOML)")->required();
+  check->add_option("files", settings->files, "Messages")->required();
+  check->add_flag("--json", settings->json, "One JSON document per message, one per line");
+  check->add_option("--write", settings->write, "Write the message as the mail server would pass it on");
+  add_host_options(check, options);
+  check->add_flag("--strict{false},--hardened{true}", options.hardened,
+                  "--strict: the reference reading; --hardened (default, and always in the milter): every "
+                  "reading a mail client takes");
+  check->add_flag("--keep-line-ends", options.keep_line_ends, "Do not turn bare LF line ends into CR LF");
+  check->callback(guarded(
+      [&options, settings] { run_check(options, settings->policy, settings->files, settings->json, settings->write); },
+      1));
+
+  auto* filter = app.add_subcommand(
+      "filter", "A message from standard input through the policy to standard output; exits 0, 75 to try again, "
+                "69 (or the rule's exit) to refuse");
+  filter->add_option("--policy", settings->policy, "The policy file (TOML)")->required();
+  add_host_options(filter, options);
+  filter->callback(guarded([&options, settings] { run_filter(options, settings->policy); }, EX_TEMPFAIL));
+
+  auto* milter = app.add_subcommand("milter", "The milter daemon: the policy applied during the SMTP transaction");
+  Milter_options& m = settings->milter;
+  milter->add_option("--policy", m.policy_path, "The policy file (TOML); read again on SIGHUP")->required();
+  milter->add_option("--socket", m.socket, "unix:PATH or inet:PORT@HOST")->required();
+  milter->add_option("--workers", m.workers, "Messages taken apart at once, each by a manager of its own")
+      ->check(CLI::Range(1, 256));
+  milter->add_option("--memory-limit", m.memory_limit, "Bytes of a message kept in memory; the rest goes to a file");
+  milter->add_option("--max-size", m.max_size, "A larger message is not read: on-error decides");
+  milter->add_option("--spool", m.spool, "Folder for messages over the memory limit");
+  milter->add_flag("--log-stderr", m.log_stderr, "Log one line per message on stderr instead of syslog");
+  milter->add_option("--timeout", m.timeout, "Seconds to wait for the mail server");
+  add_host_options(milter, options);
+  milter->callback(guarded(
+      [&options, settings] {
+        Host_options hardened = options;
+        hardened.hardened = true;  // the milter always reads as the mail clients do
+        int code = run_milter(hardened, settings->milter);
+        if (code != 0) throw CLI::RuntimeError(code);
+      },
+      EX_SOFTWARE));
+}

@@ -1,0 +1,214 @@
+#include "milter/evaluate.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+#include "contracts/zor.h"
+#include "host/report.h"
+
+namespace {
+
+// The plug-in's log codes on an item's node.
+constexpr uint32_t log_signed = 35;     // an S/MIME or PGP signed entity
+constexpr uint32_t log_encrypted = 36;  // an encrypted entity, not opened
+
+constexpr std::u16string_view alternate_name = u"ItemAlternateName";
+
+std::string property_of(const Item_node& node, const char16_t* name) {
+  const Tav_property* found = node.item->properties().find(name);
+  return found == nullptr ? std::string() : property_text(*found);
+}
+
+bool has_property(const Item_node& node, const char16_t* name) {
+  return node.item->properties().find(name) != nullptr;
+}
+
+std::string lowered(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : static_cast<char>(c); });
+  return text;
+}
+
+// Which nodes the rules are asked about: the content of an entity (it has
+// a MIME type of its own) and every leaf. A part that only wraps its
+// content lends it its item type and is not asked itself, so that one
+// attachment is one decision.
+bool is_decided(const Item_node& node) {
+  return node.parent != nullptr && (node.is_leaf() || has_property(node, ZOR_MIME_TYPE));
+}
+
+// The notice that stands in for an item, with {rule} and {name} filled in;
+// a name is the sender's text and loses its control characters.
+std::string notice_text(const std::string& pattern, const Item_decision& decision) {
+  std::string name = decision.facts.names.empty() ? std::string("(no name)") : decision.facts.names.front();
+  for (char& c : name)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '_';
+  std::string out;
+  for (size_t i = 0; i < pattern.size(); ++i) {
+    if (pattern.compare(i, 6, "{rule}") == 0) {
+      out += decision.rule->name;
+      i += 5;
+    } else if (pattern.compare(i, 6, "{name}") == 0) {
+      out += name;
+      i += 5;
+    } else {
+      out += pattern[i];
+    }
+  }
+  return out + "\r\n";
+}
+
+// Replaces an item by the policy's notice.
+// TODO(merge): call disarm_item of host/disarm.h, which puts a text/plain
+// notice part named like the item plus ".txt" in place of its entity; until
+// it lands the item's content alone is replaced and its header kept.
+bool disarm(Message_tree& tree, Item_node& node, const std::string& notice, std::string& error) {
+  return tree.replace(node, notice, error);
+}
+
+// Why the plug-in could not read the message, or empty.
+std::string read_failure(Message_tree& tree) {
+  const Item_node& root = tree.root();
+  if (!root.taken()) return "not recognised as mail";
+  if (root.handler_name == "Smtp_opaque_handler") return "the plug-in could not open it (" + status_text(root.open_status) + ")";
+  std::string failure;
+  tree.for_each([&](Item_node& node) {
+    if (failure.empty() && !node.failure.empty()) failure = "item " + node.path + ": " + node.failure;
+  });
+  return failure;
+}
+
+}  // namespace
+
+Item_facts item_facts(const Item_node& node) {
+  Item_facts facts;
+  facts.depth = node.depth;
+  facts.size = node.bytes().size();
+  facts.depth_limited = node.depth_limited;
+  // The node and the nodes above it up to the part that holds it: the
+  // part carries the item type and the type its content was sent as.
+  bool in_part = true;
+  for (const Item_node* at = &node; at != nullptr && at->parent != nullptr; at = at->parent) {
+    if (at->item->has_log(log_signed)) facts.is_signed = true;
+    if (!in_part) continue;
+    if (at->item->has_log(log_encrypted)) facts.encrypted = true;
+    if (facts.names.empty() && has_property(*at, ZOR_ITEM_NAME)) {
+      facts.names.push_back(property_of(*at, ZOR_ITEM_NAME));
+      for (const auto& property : at->item->properties())
+        if (std::u16string_view(property.name()).starts_with(alternate_name))
+          facts.names.push_back(property_text(property));
+    }
+    if (facts.mime_type.empty()) {
+      if (has_property(*at, ZOR_MIME_TYPE))
+        facts.mime_type = lowered(property_of(*at, ZOR_MIME_TYPE) + "/" + property_of(*at, ZOR_MIME_SUBTYPE));
+      else if (has_property(*at, ZOR_ENCLOSED_MIME_TYPE))
+        facts.mime_type =
+            lowered(property_of(*at, ZOR_ENCLOSED_MIME_TYPE) + "/" + property_of(*at, ZOR_ENCLOSED_MIME_SUBTYPE));
+    }
+    const std::string type = property_of(*at, ZOR_ITEM_TYPE);
+    if (!type.empty()) {
+      facts.item_type = type == "AttachmentItem" ? "attachment" : type == "BodyItem" ? "body" : "header";
+      in_part = false;
+    }
+  }
+  // Reads zero until the plug-in reports the bytes it skipped.
+  facts.unexamined = 0;
+  return facts;
+}
+
+std::string Evaluation::verdict_text() const {
+  std::string text = action_name(outcome.action);
+  if (!rules.empty()) {
+    text += "; rules=";
+    for (size_t i = 0; i < rules.size(); ++i) text += (i ? "," : "") + rules[i];
+  }
+  if (!error.empty()) text += "; error";
+  return text;
+}
+
+Evaluation unreadable(const Policy& policy, const std::string& reason) {
+  Evaluation evaluation;
+  evaluation.outcome = policy.on_error;
+  evaluation.error = reason;
+  return evaluation;
+}
+
+Evaluation evaluate(const Policy& policy, Message_tree& tree) {
+  std::string failure = read_failure(tree);
+  if (!failure.empty()) return unreadable(policy, failure);
+
+  Evaluation evaluation;
+  std::vector<Item_node*> disarmed;
+  std::unordered_set<const Item_node*> gone;
+  const Rule* decider = nullptr;  // the first rule of the strongest action
+  tree.for_each([&](Item_node& node) {
+    // What lies inside an item that goes is not asked about.
+    for (const Item_node* at = node.parent; at != nullptr; at = at->parent)
+      if (gone.count(at) != 0) return;
+    if (!is_decided(node)) return;
+    Item_decision decision;
+    decision.path = node.path;
+    decision.facts = item_facts(node);
+    decision.rule = policy.match(decision.facts);
+    if (decision.rule != nullptr) {
+      decision.action = decision.rule->outcome.action;
+      if (std::find(evaluation.rules.begin(), evaluation.rules.end(), decision.rule->name) == evaluation.rules.end())
+        evaluation.rules.push_back(decision.rule->name);
+      if (decider == nullptr || decision.action > decider->outcome.action) decider = decision.rule;
+      if (decision.action == Action::disarm) {
+        disarmed.push_back(&node);
+        gone.insert(&node);
+      }
+    }
+    evaluation.items.push_back(std::move(decision));
+  });
+  evaluation.outcome = decider != nullptr ? decider->outcome : policy.default_outcome;
+  // Disarms are carried out as long as the message passes on at all.
+  if (!evaluation.passes() || disarmed.empty()) return evaluation;
+  // A disarm that cannot be carried out leaves on-error to decide, with
+  // the decisions made so far kept for the report.
+  auto failed = [&](const std::string& reason) {
+    Evaluation out = unreadable(policy, reason);
+    out.items = std::move(evaluation.items);
+    out.rules = std::move(evaluation.rules);
+    return out;
+  };
+  size_t next = 0;
+  for (Item_node* node : disarmed) {
+    while (evaluation.items[next].path != node->path) ++next;
+    Item_decision& decision = evaluation.items[next];
+    if (!disarm(tree, *node, notice_text(policy.notice, decision), decision.error))
+      return failed("item " + decision.path + " cannot be disarmed: " + decision.error);
+  }
+  std::string error;
+  if (!tree.rebuild(evaluation.message, error)) return failed("the disarmed message cannot be written: " + error);
+  evaluation.rewritten = true;
+  return evaluation;
+}
+
+std::string with_verdict_header(std::string_view message, const std::string& name, const std::string& value) {
+  std::string out = name + ": " + value + "\r\n";
+  out.reserve(message.size() + out.size());
+  // Header lines up to the first empty line; a field goes with the lines
+  // that continue it (they begin with a blank).
+  size_t at = 0;
+  bool dropping = false;
+  while (at < message.size()) {
+    size_t end = message.find('\n', at);
+    end = end == std::string_view::npos ? message.size() : end + 1;
+    std::string_view line = message.substr(at, end - at);
+    if (line == "\r\n" || line == "\n") break;
+    if (line[0] == ' ' || line[0] == '\t') {
+      if (!dropping) out += line;
+    } else {
+      size_t colon = line.find(':');
+      std::string_view field = colon == std::string_view::npos ? std::string_view() : line.substr(0, colon);
+      while (!field.empty() && (field.back() == ' ' || field.back() == '\t')) field.remove_suffix(1);
+      dropping = field.size() == name.size() && lowered(std::string(field)) == lowered(name);
+      if (!dropping) out += line;
+    }
+    at = end;
+  }
+  out += message.substr(at);
+  return out;
+}

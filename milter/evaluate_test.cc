@@ -1,0 +1,144 @@
+// A policy applied to real messages through smtp.so: the verdict, the
+// rules named, what passes on, and on-error where the plug-in cannot read
+// a message or a disarm cannot be carried out.
+#include "milter/evaluate.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+Host_options plugin_options() {
+  Host_options options;
+  options.module_path = std::string(SMTPFM_BIN_DIR) + "/smtp.so";
+  options.hardened = true;
+  return options;
+}
+
+// A multipart entity of a text body and one attachment of the given
+// head, whose body is "QUJD" (ABC).
+std::string entity(const std::string& type, const std::string& disposition) {
+  return "Content-Type: multipart/mixed; boundary=\"b\"\r\n\r\n--b\r\nContent-Type: text/plain\r\n\r\n"
+         "Hello there\r\n--b\r\nContent-Type: " +
+         type + "\r\nContent-Disposition: " + disposition +
+         "\r\nContent-Transfer-Encoding: base64\r\n\r\nQUJD\r\n--b--\r\n";
+}
+
+// The same as a message, with a forged verdict header.
+std::string with_attachment(const std::string& type, const std::string& disposition) {
+  return "From: a@example.org\r\nTo: b@example.org\r\nSubject: s\r\nX-Smtpfm-Verdict: accept\r\n"
+         " forged\r\nMIME-Version: 1.0\r\n" +
+         entity(type, disposition);
+}
+
+const char policy_text[] = R"(
+notice = "removed by {rule}: {name}"
+[[rule]]
+name = "exe"
+file-name = "*.exe"
+action = "disarm"
+[[rule]]
+name = "scripts"
+file-name = "*.js"
+action = "reject"
+code = 554
+text = "No scripts"
+[[rule]]
+name = "sealed"
+encrypted = true
+action = "quarantine"
+[[rule]]
+name = "text"
+type = "text/plain"
+action = "accept"
+)";
+
+TEST(Evaluate, VerdictRulesAndWhatPassesOn) {
+  const struct {
+    const char* name;
+    std::string in;
+    const char* want_verdict;
+    const char* want_error;    // a part of the error, "" for none
+    const char* want_in_output;  // "" when nothing passes on or it is the input
+  } cases[] = {
+      {"clean", with_attachment("application/pdf", "attachment; filename=a.pdf"), "accept; rules=text", "", ""},
+      {"exe disarmed", with_attachment("application/octet-stream", "attachment; filename=\"setup.exe\""),
+       "disarm; rules=exe,text", "", "removed by exe: setup.exe"},
+      {"refusal wins", with_attachment("application/javascript", "attachment; filename=x.js"),
+       "reject; rules=scripts,text", "", ""},
+      {"encrypted", with_attachment("application/pkcs7-mime; smime-type=enveloped-data", "attachment; filename=m.p7m"),
+       "quarantine; rules=sealed,text", "", ""},
+      {"not mail", "X-Junk: \x01\x02\x03\x04\x05\x06\r\n\r\nbody\r\n", "tempfail; error", "not recognised as mail", ""},
+      // A signature covers the part: the exe cannot go without breaking it.
+      {"disarm refused",
+       "From: a@example.org\r\nMIME-Version: 1.0\r\nContent-Type: multipart/signed; "
+       "protocol=\"application/pkcs7-signature\"; boundary=s\r\n\r\n--s\r\n" +
+           entity("application/octet-stream", "attachment; filename=setup.exe") +
+           "--s\r\nContent-Type: application/pkcs7-signature\r\n\r\nSIG\r\n--s--\r\n",
+       "tempfail; rules=text,exe; error", "cannot be disarmed", ""},
+  };
+  std::string error;
+  auto policy = Policy::parse(policy_text, "p.toml", error);
+  ASSERT_TRUE(policy) << error;
+  const Host_options options = plugin_options();
+  auto library = Plugin_library::load(options, error);
+  ASSERT_TRUE(library) << error;
+  Manager_ptr manager(library->create_manager(options, error));
+  ASSERT_TRUE(manager) << error;
+  for (const auto& c : cases) {
+    Message_tree tree(*manager, c.in, options);
+    Evaluation evaluation = evaluate(*policy, tree);
+    EXPECT_EQ(evaluation.verdict_text(), c.want_verdict) << c.name;
+    EXPECT_NE(evaluation.error.find(c.want_error), std::string::npos) << c.name << ": " << evaluation.error;
+    EXPECT_EQ(evaluation.rewritten, *c.want_in_output != '\0') << c.name;
+    if (!evaluation.rewritten) continue;
+    // Read again, the message has the notice and the body, and the
+    // attachment's bytes no more.
+    Message_tree again(*manager, evaluation.message, options);
+    std::string leaves;
+    again.for_each([&](Item_node& node) {
+      if (node.is_leaf()) leaves += std::string(node.bytes()) + "|";
+    });
+    EXPECT_NE(leaves.find(c.want_in_output), std::string::npos) << c.name << ": " << leaves;
+    EXPECT_NE(leaves.find("Hello there"), std::string::npos) << c.name << ": " << leaves;
+    EXPECT_EQ(leaves.find("ABC"), std::string::npos) << c.name << ": " << leaves;
+  }
+}
+
+TEST(Evaluate, ItemFactsComeFromThePartAndItsContent) {
+  std::string error;
+  const Host_options options = plugin_options();
+  auto library = Plugin_library::load(options, error);
+  ASSERT_TRUE(library) << error;
+  Manager_ptr manager(library->create_manager(options, error));
+  ASSERT_TRUE(manager) << error;
+  auto policy = Policy::parse("", "p.toml", error);
+  Message_tree tree(*manager, with_attachment("Application/X-MSDownload; name=a.txt", "attachment; filename=b.exe"),
+                    options);
+  Evaluation evaluation = evaluate(*policy, tree);
+  // The plug-in gives the main body last.
+  ASSERT_EQ(evaluation.items.size(), 2u);
+  const Item_facts& attachment = evaluation.items[0].facts;
+  EXPECT_EQ(evaluation.items[0].path, "0.0");
+  // Both names a mail client may show, the disposition's first.
+  EXPECT_EQ(attachment.names, (std::vector<std::string>{"b.exe", "a.txt"}));
+  EXPECT_EQ(attachment.mime_type, "application/x-msdownload");
+  EXPECT_EQ(attachment.item_type, "attachment");
+  EXPECT_EQ(attachment.depth, 2u);
+  EXPECT_EQ(attachment.size, 3u);
+  EXPECT_EQ(evaluation.items[1].facts.item_type, "body");
+}
+
+TEST(Evaluate, VerdictHeaderReplacesForgedOnes) {
+  const struct {
+    const char* in;
+    const char* want;
+  } cases[] = {
+      {"A: 1\r\nx-smtpfm-verdict: accept\r\n more\r\nB: 2\r\n\r\nX-Smtpfm-Verdict: body\r\n",
+       "X-Smtpfm-Verdict: v\r\nA: 1\r\nB: 2\r\n\r\nX-Smtpfm-Verdict: body\r\n"},
+      {"X-Smtpfm-Verdict-2: kept\r\n\r\n", "X-Smtpfm-Verdict: v\r\nX-Smtpfm-Verdict-2: kept\r\n\r\n"},
+      {"", "X-Smtpfm-Verdict: v\r\n"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(with_verdict_header(c.in, "X-Smtpfm-Verdict", "v"), c.want) << c.in;
+}
+
+}  // namespace
