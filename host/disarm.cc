@@ -49,6 +49,18 @@ bool is_uue_block(const Item_node& node) {
          has(node, ZOR_ITEM_TYPE, ZOR_ATTACHMENT_ITEM);
 }
 
+// The content of an entity (it has MimeType) that a client offers as a
+// file: one with a name, one that its entity's Content-Disposition calls
+// an attachment, and one of a type that is no text shown inline.
+bool offered_content(const Item_node& node) {
+  const Tav_property* name = node.item->properties().find(ZOR_ITEM_NAME);
+  if (name != nullptr && !name->string_value().empty()) return true;
+  if (node.item->properties().find(u"ItemAlternateName") != nullptr) return true;
+  if (node.parent->taken() && disposition_is_attachment(read_entity_header(node.parent->bytes(), true)))
+    return true;
+  return !is_inline_text(node);
+}
+
 bool is_message_entity(const Item_node& node) {
   const Tav_property* message = node.item->properties().find(ZOR_MESSAGE_ITEM);
   return node.parent == nullptr ||
@@ -153,21 +165,18 @@ bool strip_signature(Message_tree& tree, Item_node& entity, std::string& error) 
 
 bool offered_as_attachment(const Item_node& node) {
   if (node.parent == nullptr || has(node, ZOR_ITEM_TYPE, ZOR_HEADER_ITEM)) return false;
-  // A container: what it holds is judged item by item.
-  if (node.taken() && !node.children.empty()) return false;
-  if (is_uue_block(node)) return true;
-  if (!node.item->string_property(ZOR_MIME_TYPE).empty()) {
+  const bool content = !node.item->string_property(ZOR_MIME_TYPE).empty();
+  if (node.taken() && !node.children.empty()) {
+    // A container: what it holds is judged item by item; but an entity
+    // whose whole content is a uuencoded file (x-uuencode) goes whole.
+    return content && has(node, ZOR_FORMAT_SUBTYPE, uue_format) && offered_content(node);
+  }
+  if (is_uue_block(node)) return !offered_as_attachment(*node.parent);
+  if (content) {
     // An attached message that was opened, even one without items, is
     // judged by its contents.
     if (node.taken() && is_message_entity(node)) return false;
-    const Tav_property* name = node.item->properties().find(ZOR_ITEM_NAME);
-    if (name != nullptr && !name->string_value().empty()) return true;
-    if (node.item->properties().find(u"ItemAlternateName") != nullptr) return true;
-    if (begins_with_block(node.bytes())) return true;
-    if (node.parent->taken() &&
-        disposition_is_attachment(read_entity_header(node.parent->bytes(), /*hardened=*/true)))
-      return true;
-    return !is_inline_text(node);
+    return offered_content(node) || begins_with_block(node.bytes());
   }
   if (!node.item->string_property(ZOR_ENCLOSED_MIME_TYPE).empty())
     // A part that no manager could open: clients still show what they can
@@ -179,6 +188,8 @@ bool offered_as_attachment(const Item_node& node) {
 }
 
 std::string unexamined_content(const Item_node& node) {
+  // What is offered goes whole, with whatever it may hold.
+  if (offered_as_attachment(node)) return {};
   if (node.depth_limited) return "not opened: deeper than the depth bound (--max-depth)";
   if (!node.failure.empty()) return "a call of the plug-in failed: " + node.failure;
   if (!node.taken() || !node.children.empty()) return {};

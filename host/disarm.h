@@ -30,7 +30,8 @@ bool offered_as_attachment(const Item_node& node);
 
 // Why the node may hold content that nobody looked at: not opened past the
 // depth bound, encrypted, unreadable, a failed plug-in call. Empty when it
-// holds none.
+// holds none, or when it is offered as an attachment (disarming takes it
+// out whole).
 std::string unexamined_content(const Item_node& node);
 
 // Whether the node is a notice that disarm_item put there with `notice`.
