@@ -25,9 +25,6 @@ constexpr char uue_module_name[] = "uue.so";
 constexpr char16_t uue_element_name[] = u"Larkspire UUE Data";
 constexpr Tav_guid uue_element_type = {0xD00BCC03, 0x7BB8, 0x11D1, {0xA9, 0x3B, 0x00, 0xA0, 0xC9, 0x43, 0x08, 0x65}};
 
-// The longest deciding line a refusal quotes.
-constexpr size_t max_refusal_line = 200;
-
 using Get_factory = Plg_element* (*)(const char16_t*, const Tav_guid*);
 using Can_unload = int (*)();
 
@@ -466,13 +463,11 @@ Refusal Message_tree::refusal(const Item_node& node) const {
     refusal.reason = "it could not be read (" + status_text(node.open_status) + ")";
   } else if (explain_ != nullptr) {
     const std::string_view bytes = node.bytes();
-    char reason[512] = {}, line[max_refusal_line + 1] = {};
-    uint32_t number = 0;
-    if (explain_(bytes.data(), bytes.size(), options_.hardened ? 1 : 0, reason, sizeof reason, line, sizeof line,
-                 &number) != 0) {
-      refusal.reason = reason;
-      refusal.line = line;
-      refusal.line_number = number;
+    Smtp_refusal_text text{};
+    if (explain_(bytes.data(), bytes.size(), options_.hardened ? 1 : 0, &text) != 0) {
+      refusal.reason = text.reason;
+      refusal.line.assign(text.line, text.line_length);
+      refusal.line_number = text.line_number;
     } else {
       refusal.reason = "no format manager takes it";
     }

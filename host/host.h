@@ -25,6 +25,7 @@
 
 #include "manager/handler_base.h"
 #include "manager/manager_base.h"
+#include "manager/refusal.h"
 #include "platform/fmg/host_item.h"
 #include "platform/fmg/plg_loader.h"
 
@@ -55,11 +56,9 @@ struct Refusal {
   std::string line;          // the deciding line without its line end, at most 200 bytes
   uint32_t line_number = 0;  // from 1; 0 when no single line decided it
 };
-// smtp.so's diagnostic export "smtp_explain_refusal": returns 1 and fills
-// the buffers (NUL-terminated) when the bytes would not be taken, 0 when
-// they would.
-using Refusal_explainer = int (*)(const char* data, size_t size, int hardened, char* reason, size_t reason_size,
-                                  char* line, size_t line_size, uint32_t* line_number);
+// smtp.so's diagnostic export "smtp_explain_refusal" (manager/refusal.h):
+// returns 1 and fills the text when the bytes would not be taken, else 0.
+using Refusal_explainer = int (*)(const char* data, size_t size, int hardened, Smtp_refusal_text* out);
 
 // The element's name and type, by which the host asks for it.
 extern const char16_t smtp_element_name[];
