@@ -44,6 +44,13 @@ bool begins_with_block(std::string_view bytes) {
   return line.starts_with("begin") && is_begin_line(line);
 }
 
+// Bytes that no text holds: a NUL in the first few KiB, as file(1) and
+// mail clients judge it.
+bool is_binary(std::string_view bytes) {
+  constexpr size_t looked_at = 4096;
+  return bytes.substr(0, looked_at).find('\0') != std::string_view::npos;
+}
+
 bool is_uue_block(const Item_node& node) {
   return node.parent != nullptr && has(*node.parent, ZOR_FORMAT_SUBTYPE, uue_format) &&
          has(node, ZOR_ITEM_TYPE, ZOR_ATTACHMENT_ITEM);
@@ -167,9 +174,10 @@ bool offered_as_attachment(const Item_node& node) {
   if (node.parent == nullptr || has(node, ZOR_ITEM_TYPE, ZOR_HEADER_ITEM)) return false;
   const bool content = !node.item->string_property(ZOR_MIME_TYPE).empty();
   if (node.taken() && !node.children.empty()) {
-    // A container: what it holds is judged item by item; but an entity
-    // whose whole content is a uuencoded file (x-uuencode) goes whole.
-    return content && has(node, ZOR_FORMAT_SUBTYPE, uue_format) && offered_content(node);
+    // A container: what it holds is judged item by item; but content that
+    // a client offers as a file goes whole, even where a manager could
+    // open it (an x-uuencode body, a named text file that holds mail).
+    return content && !is_message_entity(node) && offered_content(node);
   }
   if (is_uue_block(node)) return !offered_as_attachment(*node.parent);
   if (content) {
@@ -183,8 +191,9 @@ bool offered_as_attachment(const Item_node& node) {
     // of it. One that was opened and holds nothing is unexamined, or empty.
     return !node.taken() && !node.depth_limited && node.buffer != nullptr;
   // Raw items: the rest of a text from its first uuencoded block, the parts
-  // of an RFC 1505 message.
-  return has(node, ZOR_ITEM_TYPE, ZOR_ATTACHMENT_ITEM) || begins_with_block(node.bytes());
+  // of an RFC 1505 message. Clients show them as the text they are, with
+  // a uuencoded file in it as a file; what is no text they cannot show.
+  return begins_with_block(node.bytes()) || (has(node, ZOR_ITEM_TYPE, ZOR_ATTACHMENT_ITEM) && is_binary(node.bytes()));
 }
 
 std::string unexamined_content(const Item_node& node) {
@@ -203,8 +212,10 @@ bool is_notice(const Item_node& node, const std::string& notice) {
   std::string_view bytes = node.bytes();
   while (!bytes.empty() && (bytes.back() == '\n' || bytes.back() == '\r')) bytes.remove_suffix(1);
   if (bytes != notice) return false;
-  if (is_uue_block(node)) return true;
-  return has(node, ZOR_MIME_TYPE, u"text") && has(node, ZOR_MIME_SUBTYPE, u"plain");
+  // A raw item holds the notice as text, an entity's content as text/plain.
+  const bool raw = node.item->string_property(ZOR_MIME_TYPE).empty() &&
+                   node.item->string_property(ZOR_ENCLOSED_MIME_TYPE).empty();
+  return raw || is_uue_block(node) || (has(node, ZOR_MIME_TYPE, u"text") && has(node, ZOR_MIME_SUBTYPE, u"plain"));
 }
 
 std::string attachment_name(const Message_tree& tree, const Item_node& node) {
@@ -212,9 +223,11 @@ std::string attachment_name(const Message_tree& tree, const Item_node& node) {
     const Vek_wstring value = node.item->string_property(property);
     if (!value.empty()) return readable_text(value);
   }
+  // An entity (the one of a content, or one that was not opened, or one
+  // that cannot be looked into) names its content in its own header.
   const Item_node& entity = entity_of(const_cast<Item_node&>(node));
-  if (&entity != &node || !node.item->string_property(ZOR_ENCLOSED_MIME_TYPE).empty())
-    return disposition_file_name(read_entity_header(entity.bytes(), tree.options().hardened));
+  if (&entity != &node || !node.item->string_property(ZOR_ENCLOSED_MIME_TYPE).empty() || node.taken())
+    return entity_file_name(read_entity_header(entity.bytes(), tree.options().hardened));
   return {};
 }
 

@@ -94,19 +94,21 @@ bool disposition_is_attachment(const Entity_header& header) {
   return false;
 }
 
-std::string disposition_file_name(const Entity_header& header) {
-  const std::string value = field_value(header, "Content-Disposition");
-  std::string head;
-  std::vector<Smtp_header_field> parameters;
-  split_parameters(value, head, parameters);
-  Smtp_parameter_value name;
-  if (!find_parameter_value(parameters, "filename", name)) return {};
-  if (!name.extended && name.bytes.find("=?") != std::string::npos) {
-    Vek_wstring text;
-    decode_encoded_words(name.bytes, text, true);
-    return vek_utf16_to_utf8(text);
+std::string entity_file_name(const Entity_header& header) {
+  for (const auto& [field, attribute] : {std::pair{"Content-Disposition", "filename"}, {"Content-Type", "name"}}) {
+    std::string head;
+    std::vector<Smtp_header_field> parameters;
+    split_parameters(field_value(header, field), head, parameters);
+    Smtp_parameter_value name;
+    if (!find_parameter_value(parameters, attribute, name)) continue;
+    if (!name.extended && name.bytes.find("=?") != std::string::npos) {
+      Vek_wstring text;
+      decode_encoded_words(name.bytes, text, true);
+      return vek_utf16_to_utf8(text);
+    }
+    return vek_utf16_to_utf8(parameter_text(name));
   }
-  return vek_utf16_to_utf8(parameter_text(name));
+  return {};
 }
 
 std::string replace_content(std::string_view entity, std::string_view replacement, bool is_message,

@@ -28,9 +28,10 @@ std::string field_value(const Entity_header& header, std::string_view name);
 
 // Whether any Content-Disposition of the header says "attachment".
 bool disposition_is_attachment(const Entity_header& header);
-// The file name of the first Content-Disposition (RFC 2231 and encoded
-// words read), as UTF-8; empty when it has none.
-std::string disposition_file_name(const Entity_header& header);
+// The file name the entity gives its content, as UTF-8: the "filename" of
+// its first Content-Disposition, else the "name" of its first
+// Content-Type (RFC 2231 and encoded words read); empty when it has none.
+std::string entity_file_name(const Entity_header& header);
 
 // `entity` with its content replaced by that of `replacement` (a whole
 // entity: its header fields and body): the fields of `entity` that do not
