@@ -43,6 +43,45 @@ bool module_from_registry(const std::string& folder, std::string& path, std::str
   return false;
 }
 
+// The line ends of a text: LF alone, and CR LF.
+struct Line_ends {
+  size_t bare = 0;
+  size_t crlf = 0;
+};
+
+Line_ends count_line_ends(std::string_view bytes) {
+  Line_ends ends;
+  for (const char* at = bytes.data(); const void* lf = std::memchr(at, '\n', bytes.data() + bytes.size() - at);) {
+    const char* found = static_cast<const char*>(lf);
+    ++(found > bytes.data() && found[-1] == '\r' ? ends.crlf : ends.bare);
+    at = found + 1;
+  }
+  return ends;
+}
+
+// `bytes` with a CR put in front of each bare LF, made in one allocation;
+// the CRs' positions go to `added`, also sized once.
+std::string canonical_copy(std::string_view bytes, const Line_ends& ends, std::vector<uint64_t>* added) {
+  std::string out;
+  out.reserve(bytes.size() + ends.bare);
+  if (added != nullptr) added->reserve(ends.bare);
+  size_t start = 0;
+  while (start < bytes.size()) {
+    const void* lf = std::memchr(bytes.data() + start, '\n', bytes.size() - start);
+    if (lf == nullptr) break;
+    size_t at = static_cast<const char*>(lf) - bytes.data();
+    out.append(bytes, start, at - start);
+    if (at == 0 || bytes[at - 1] != '\r') {
+      if (added != nullptr) added->push_back(out.size());
+      out.push_back('\r');
+    }
+    out.push_back('\n');
+    start = at + 1;
+  }
+  out.append(bytes, start, std::string_view::npos);
+  return out;
+}
+
 // Pre-order list of a subtree, parents before children.
 std::vector<Item_node*> preorder(Item_node& top) {
   std::vector<Item_node*> order;
@@ -213,9 +252,10 @@ void Message_tree::take_input(std::string_view given) {
   // Most mail is canonical already: then the plug-in reads the bytes as
   // they came, and a large message is not held twice.
   if (options_.keep_line_ends || is_canonical(given)) return;
-  owned_ = make_canonical(given, &added_cr_);
+  const Line_ends ends = count_line_ends(given);
+  owned_ = canonical_copy(given, ends, &added_cr_);
   input_ = owned_;
-  bare_lf_only_ = given.find("\r\n") == std::string_view::npos;
+  bare_lf_only_ = ends.crlf == 0;
 }
 
 void Message_tree::start() {
@@ -477,6 +517,19 @@ Refusal Message_tree::refusal(const Item_node& node) const {
   return refusal;
 }
 
+bool Message_tree::changed() {
+  if (message_replaced_) return true;
+  for (Item_node* node : preorder(*root_)) {
+    Vek_status status;
+    try {
+      if (node->handler != nullptr && node->handler->is_modified(*node->item, status)) return true;
+    } catch (const std::exception&) {
+      return true;  // rebuild will say what failed
+    }
+  }
+  return false;
+}
+
 bool Message_tree::rebuild(std::string& out, std::string& error) {
   std::vector<Item_node*> order = preorder(*root_);
   for (auto it = order.rbegin(); it != order.rend(); ++it) {
@@ -506,11 +559,11 @@ bool Message_tree::rebuild(std::string& out, std::string& error) {
       return false;
     }
     if (node.parent == nullptr) {
-      const std::string_view written(reinterpret_cast<const char*>(rebuilt->data()), rebuilt->size());
+      const std::unique_ptr<Vek_buffer> top(rebuilt);
+      const std::string_view written(reinterpret_cast<const char*>(top->data()), top->size());
       // Mail that came with bare LF line ends (a Unix mailbox, a Maildir)
       // goes back with them.
       out = bare_lf_only_ ? bare_line_ends(written) : std::string(written);
-      delete rebuilt;
       return true;
     }
     release_subtree(node);
@@ -534,6 +587,7 @@ bool Message_tree::rebuild(std::string& out, std::string& error) {
   return true;
 }
 
+
 bool is_canonical(std::string_view bytes) {
   for (size_t start = 0; start < bytes.size();) {
     const void* lf = std::memchr(bytes.data() + start, '\n', bytes.size() - start);
@@ -546,23 +600,7 @@ bool is_canonical(std::string_view bytes) {
 }
 
 std::string make_canonical(std::string_view bytes, std::vector<uint64_t>* added) {
-  std::string out;
-  out.reserve(bytes.size() + bytes.size() / 32);
-  size_t start = 0;
-  while (start < bytes.size()) {
-    const void* lf = std::memchr(bytes.data() + start, '\n', bytes.size() - start);
-    if (lf == nullptr) break;
-    size_t at = static_cast<const char*>(lf) - bytes.data();
-    out.append(bytes, start, at - start);
-    if (at == 0 || bytes[at - 1] != '\r') {
-      if (added != nullptr) added->push_back(out.size());
-      out.push_back('\r');
-    }
-    out.push_back('\n');
-    start = at + 1;
-  }
-  out.append(bytes, start, std::string_view::npos);
-  return out;
+  return canonical_copy(bytes, count_line_ends(bytes), added);
 }
 
 std::string bare_line_ends(std::string_view bytes) {

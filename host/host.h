@@ -193,6 +193,9 @@ class Message_tree {
   // what the plug-in wrote gets them back). After this the tree is spent. On a
   // failure `rebuild_status()` is the status that stopped it.
   bool rebuild(std::string& out, std::string& error);
+  // Whether a rebuild would write anything but the given bytes: the
+  // message was replaced, or a handler was changed or repaired something.
+  bool changed();
   // The plug-in status of the last failed rebuild, 0 when none failed. A
   // writer may refuse a header line that opening passed (0xc2010508): the
   // message cannot be written again, and nothing of it is lost.

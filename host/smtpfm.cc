@@ -240,6 +240,11 @@ int run_extract(const Host_options& options, const std::vector<std::string>& fil
 }
 
 void rebuild_into(Message_tree& tree, const std::string& out) {
+  // A large message is not copied once more only to be written as it came.
+  if (!tree.changed()) {
+    write_file(out, tree.original());
+    return;
+  }
   std::string bytes, error;
   if (!tree.rebuild(bytes, error)) throw Failure(error);
   write_file(out, bytes);
