@@ -88,8 +88,8 @@ std::string base64_of(std::string_view bytes) {
 // RFC 2231 UTF-8 for the others with an RFC 2047 word beside it for
 // clients that read only the plain form.
 std::string name_parameters(const char* attribute, const std::string& name) {
-  std::string plain;
-  for (char c : name) plain += (c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20) ? '_' : c;
+  std::string plain = without_hazards(name);
+  std::replace_if(plain.begin(), plain.end(), [](char c) { return c == '"' || c == '\\'; }, '_');
   if (is_ascii(plain)) return std::string("; ") + attribute + "=\"" + plain + "\"";
   std::string escaped;
   char hex[4];

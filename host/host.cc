@@ -82,6 +82,19 @@ std::string canonical_copy(std::string_view bytes, const Line_ends& ends, std::v
   return out;
 }
 
+// Whether CR LF line ends of `bytes` can become LF and be read back as the
+// same bytes: every LF has a CR in front, and that CR none (a field that
+// ends in a CR of its own would lose it).
+bool maps_back(std::string_view bytes) {
+  for (const char* at = bytes.data(); const void* lf = std::memchr(at, '\n', bytes.data() + bytes.size() - at);) {
+    const char* found = static_cast<const char*>(lf);
+    const size_t before = static_cast<size_t>(found - bytes.data());
+    if (before == 0 || found[-1] != '\r' || (before >= 2 && found[-2] == '\r')) return false;
+    at = found + 1;
+  }
+  return true;
+}
+
 // Pre-order list of a subtree, parents before children.
 std::vector<Item_node*> preorder(Item_node& top) {
   std::vector<Item_node*> order;
@@ -562,8 +575,8 @@ bool Message_tree::rebuild(std::string& out, std::string& error) {
       const std::unique_ptr<Vek_buffer> top(rebuilt);
       const std::string_view written(reinterpret_cast<const char*>(top->data()), top->size());
       // Mail that came with bare LF line ends (a Unix mailbox, a Maildir)
-      // goes back with them.
-      out = bare_lf_only_ ? bare_line_ends(written) : std::string(written);
+      // goes back with them, where they read back as what was written.
+      out = bare_lf_only_ && maps_back(written) ? bare_line_ends(written) : std::string(written);
       return true;
     }
     release_subtree(node);
@@ -583,7 +596,8 @@ bool Message_tree::rebuild(std::string& out, std::string& error) {
   }
   // Nothing changed at the top: the message as it came, or as it was put
   // in place of the whole.
-  out = message_replaced_ && bare_lf_only_ ? bare_line_ends(original_) : std::string(original_);
+  out = message_replaced_ && bare_lf_only_ && maps_back(original_) ? bare_line_ends(original_)
+                                                                    : std::string(original_);
   return true;
 }
 

@@ -190,8 +190,9 @@ class Message_tree {
   // Rebuilds every level that is modified, children first, each rebuilt
   // item handed to its parent; `out` gets the top's bytes (the input as it
   // went in when nothing changed; where that had bare LF line ends only,
-  // what the plug-in wrote gets them back). After this the tree is spent. On a
-  // failure `rebuild_status()` is the status that stopped it.
+  // what the plug-in wrote gets them back, unless a line of it ends in a
+  // CR of its own). After this the tree is spent. On a failure
+  // `rebuild_status()` is the status that stopped it.
   bool rebuild(std::string& out, std::string& error);
   // Whether a rebuild would write anything but the given bytes: the
   // message was replaced, or a handler was changed or repaired something.

@@ -83,17 +83,22 @@ std::string escaped_for_terminal(std::string_view text) {
   return out;
 }
 
-std::string safe_file_name(const std::string& prefix, std::string_view name) {
-  std::string safe;
-  for (size_t at = 0; at < name.size();) {
-    const size_t length = sequence_length(name, at);
-    const uint32_t c = length == 0 ? 0 : code_point(name.substr(at, length));
-    if (length == 0 || is_hazard(c) || c == '/' || c == '\\' || c == ':')
-      safe += '_';
+std::string without_hazards(std::string_view text) {
+  std::string out;
+  for (size_t at = 0; at < text.size();) {
+    const size_t length = sequence_length(text, at);
+    if (length == 0 || is_hazard(code_point(text.substr(at, length))))
+      out += '_';
     else
-      safe.append(name, at, length);
+      out.append(text, at, length);
     at += length == 0 ? 1 : length;
   }
+  return out;
+}
+
+std::string safe_file_name(const std::string& prefix, std::string_view name) {
+  std::string safe = without_hazards(name);
+  std::replace_if(safe.begin(), safe.end(), [](char c) { return c == '/' || c == '\\' || c == ':'; }, '_');
   safe.erase(0, std::min(safe.size(), safe.find_first_not_of(". ")));
   std::string out = safe.empty() ? prefix : prefix + "_" + safe;
   if (out.size() <= max_file_name) return out;

@@ -19,6 +19,10 @@ std::string readable_text(const Vek_wstring& value);
 // UTF-8 as \xHH, and the backslash as "\\".
 std::string escaped_for_terminal(std::string_view text);
 
+// `text` (UTF-8) with each control, bidirectional control and byte that is
+// no UTF-8 replaced by "_": a name that shows what it says.
+std::string without_hazards(std::string_view text);
+
 // The longest file name written, in bytes: room for real attachment names
 // and a path in front within every file system's 255.
 inline constexpr size_t max_file_name = 120;
