@@ -63,6 +63,8 @@ bool offered_content(const Item_node& node) {
   const Tav_property* name = node.item->properties().find(ZOR_ITEM_NAME);
   if (name != nullptr && !name->string_value().empty()) return true;
   if (node.item->properties().find(u"ItemAlternateName") != nullptr) return true;
+  // Read by the lenient line rules: a field that only they take still
+  // tells a client to offer the file.
   if (node.parent->taken() && disposition_is_attachment(read_entity_header(node.parent->bytes(), true)))
     return true;
   return !is_inline_text(node);
@@ -106,10 +108,13 @@ std::string name_parameters(const char* attribute, const std::string& name) {
   return std::string("; ") + attribute + "=\"=?UTF-8?B?" + word + "?=\"; " + attribute + "*=UTF-8''" + escaped;
 }
 
+// The name of the notice: the attachment's, with ".txt" behind, short
+// enough for a header line.
 std::string notice_name(const std::string& name) {
   if (name.empty()) return name;
-  if (name.size() >= 4 && vek_string_equal_nc(name.substr(name.size() - 4), ".txt")) return name;
-  return name + ".txt";
+  if (name.size() >= 4 && vek_string_equal_nc(name.substr(name.size() - 4), ".txt"))
+    return cut_keeping_extension(name, max_file_name);
+  return cut_keeping_extension(name, max_file_name - 4) + ".txt";
 }
 
 // A text/plain entity that holds the notice under the name.
@@ -277,7 +282,7 @@ Disarm_result disarm_message(Message_tree& tree, const Disarm_options& options) 
       const std::string name = attachment_name(tree, *node);
       std::string error;
       if (disarm_item(tree, *node, options.notice, error)) {
-        result.items.push_back({path, name, "disarmed", {}});
+        add(result, path, name, "disarmed");
         continue;
       }
       Item_node* signed_at = signed_entity(*node);
@@ -285,7 +290,7 @@ Disarm_result disarm_message(Message_tree& tree, const Disarm_options& options) 
         const std::string signed_path = signed_at->path;
         std::string why;
         if (strip_signature(tree, *signed_at, why)) {
-          result.items.push_back({signed_path, {}, "signature removed", {}});
+          add(result, signed_path, {}, "signature removed");
           stripped = true;
           break;  // the tree below changed: the next pass finds the items again
         }

@@ -308,7 +308,8 @@ void Message_tree::open_node(Item_node& node) {
       node.item->add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
   }
   if (node.buffer == nullptr) return;
-  // Every manager in turn, until one takes the item.
+  // Every manager in turn, until one takes the item. The status is the
+  // taker's, or the first failure of those that did not take it.
   for (Fmg_manager_base* manager : managers_) {
     Vek_status status;
     try {
@@ -317,8 +318,11 @@ void Message_tree::open_node(Item_node& node) {
       node.failure = std::string("open: ") + e.what();
       return;
     }
-    if (node.open_status == 0) node.open_status = status.value();
-    if (node.handler == nullptr) continue;
+    if (node.handler == nullptr) {
+      if (node.open_status == 0) node.open_status = status.value();
+      continue;
+    }
+    node.open_status = status.value();
     node.manager = manager;
     // A policy names the formats the host lets its managers open.
     const Vek_wstring format = node.item->string_property(ZOR_FORMAT_SUBTYPE);

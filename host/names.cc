@@ -96,19 +96,23 @@ std::string without_hazards(std::string_view text) {
   return out;
 }
 
+std::string cut_keeping_extension(std::string name, size_t limit) {
+  if (name.size() <= limit) return name;
+  // Cut the stem, not the extension that says what the file is.
+  const size_t dot = name.rfind('.');
+  std::string extension;
+  if (dot != std::string::npos && dot > 0 && name.size() - dot <= max_extension &&
+      name.find(' ', dot) == std::string::npos)
+    extension = name.substr(dot);
+  size_t cut = limit - extension.size();
+  while (cut > 0 && (static_cast<unsigned char>(name[cut]) & 0xc0) == 0x80) --cut;
+  return name.substr(0, cut) + extension;
+}
+
 std::string safe_file_name(const std::string& prefix, std::string_view name) {
   std::string safe = without_hazards(name);
   std::replace_if(safe.begin(), safe.end(), [](char c) { return c == '/' || c == '\\' || c == ':'; }, '_');
   safe.erase(0, std::min(safe.size(), safe.find_first_not_of(". ")));
-  std::string out = safe.empty() ? prefix : prefix + "_" + safe;
-  if (out.size() <= max_file_name) return out;
-  // Cut the stem, not the extension that says what the file is.
-  const size_t dot = out.rfind('.');
-  std::string extension;
-  if (dot != std::string::npos && dot > prefix.size() && out.size() - dot <= max_extension &&
-      out.find(' ', dot) == std::string::npos)
-    extension = out.substr(dot);
-  size_t cut = max_file_name - extension.size();
-  while (cut > 0 && (static_cast<unsigned char>(out[cut]) & 0xc0) == 0x80) --cut;
-  return out.substr(0, cut) + extension;
+  if (safe.empty()) return prefix;
+  return prefix + "_" + cut_keeping_extension(safe, max_file_name - prefix.size() - 1);
 }

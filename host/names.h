@@ -27,6 +27,10 @@ std::string without_hazards(std::string_view text);
 // and a path in front within every file system's 255.
 inline constexpr size_t max_file_name = 120;
 
+// `name` (UTF-8) cut to `limit` bytes in its stem, so that its extension
+// (up to 16 bytes) stays.
+std::string cut_keeping_extension(std::string name, size_t limit);
+
 // `prefix` and `name` (UTF-8) joined by "_" as one file name: no
 // separators, controls or bidirectional controls, no leading dots, at most
 // max_file_name bytes, cut in the stem so that the extension stays.
