@@ -15,6 +15,15 @@ echo
 echo "== smtpfm tree $out/mime-attachment.disarmed.eml"
 "$bin/smtpfm" tree "$out/mime-attachment.disarmed.eml"
 echo
+echo "== smtpfm disarm samples/hostile/single-part-exe.eml -o - (the whole body is the attachment)"
+"$bin/smtpfm" disarm samples/hostile/single-part-exe.eml -o -
+echo
+echo "== smtpfm disarm samples/hostile/signed.eml -o $out/signed.eml (an attachment inside a signature: exit 2)"
+"$bin/smtpfm" disarm samples/hostile/signed.eml -o "$out/signed.eml" || echo "exit $?"
+echo
+echo "== smtpfm tree samples/hostile/two-gifs.eml samples/hostile/control-name.eml samples/hostile/not-mail.eml"
+"$bin/smtpfm" tree samples/hostile/two-gifs.eml samples/hostile/control-name.eml samples/hostile/not-mail.eml
+echo
 echo "== smtpfm rebuild samples/damaged.eml -o $out/damaged.rebuilt.eml (repaired Content-Type values, a closing delimiter)"
 "$bin/smtpfm" rebuild samples/damaged.eml -o "$out/damaged.rebuilt.eml"
 diff --strip-trailing-cr samples/damaged.eml "$out/damaged.rebuilt.eml" || true

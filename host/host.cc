@@ -3,6 +3,7 @@
 #include <cxxabi.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -15,8 +16,14 @@
 
 const char16_t smtp_element_name[] = u"Larkspire SMTP Message";
 const Tav_guid smtp_element_type = {0xD00BCC02, 0x7BB8, 0x11D1, {0xA9, 0x3B, 0x00, 0xA0, 0xC9, 0x43, 0x08, 0x65}};
+const char* const host_format_names[2] = {"SMTP", "UUE"};
 
 namespace {
+
+// The uuencode format manager's module and element.
+constexpr char uue_module_name[] = "uue.so";
+constexpr char16_t uue_element_name[] = u"Larkspire UUE Data";
+constexpr Tav_guid uue_element_type = {0xD00BCC03, 0x7BB8, 0x11D1, {0xA9, 0x3B, 0x00, 0xA0, 0xC9, 0x43, 0x08, 0x65}};
 
 using Get_factory = Plg_element* (*)(const char16_t*, const Tav_guid*);
 using Can_unload = int (*)();
@@ -28,24 +35,64 @@ std::string program_folder() {
   return std::filesystem::path(std::string(path, n)).parent_path().string();
 }
 
-// The module's path as the registry has it: the "ImagePath" of the
-// element's key.
+// The module's path as the registry in `folder` has it.
 bool module_from_registry(const std::string& folder, std::string& path, std::string& error) {
   vek_set_registry_root(folder);
-  Vek_wstring type_text;
-  tav_type_to_string(smtp_element_type, type_text);
-  Vek_wstring key = Vek_wstring(u"Software\\Tarnwell Systems\\Plugins\\") + smtp_element_name + u"\\" + type_text;
-  auto values = vek_read_reg_key(HKEY_LOCAL_MACHINE, key);
-  if (values) {
-    for (const auto& value : *values) {
-      if (value.is_string && value.name == u"ImagePath") {
-        path = vek_utf16_to_utf8(value.text);
-        return true;
-      }
-    }
-  }
+  if (registered_module(path)) return true;
   error = "the registry in " + folder + " has no ImagePath for the element \"Larkspire SMTP Message\"";
   return false;
+}
+
+// The line ends of a text: LF alone, and CR LF.
+struct Line_ends {
+  size_t bare = 0;
+  size_t crlf = 0;
+};
+
+Line_ends count_line_ends(std::string_view bytes) {
+  Line_ends ends;
+  for (const char* at = bytes.data(); const void* lf = std::memchr(at, '\n', bytes.data() + bytes.size() - at);) {
+    const char* found = static_cast<const char*>(lf);
+    ++(found > bytes.data() && found[-1] == '\r' ? ends.crlf : ends.bare);
+    at = found + 1;
+  }
+  return ends;
+}
+
+// `bytes` with a CR put in front of each bare LF, made in one allocation;
+// the CRs' positions go to `added`, also sized once.
+std::string canonical_copy(std::string_view bytes, const Line_ends& ends, std::vector<uint64_t>* added) {
+  std::string out;
+  out.reserve(bytes.size() + ends.bare);
+  if (added != nullptr) added->reserve(ends.bare);
+  size_t start = 0;
+  while (start < bytes.size()) {
+    const void* lf = std::memchr(bytes.data() + start, '\n', bytes.size() - start);
+    if (lf == nullptr) break;
+    size_t at = static_cast<const char*>(lf) - bytes.data();
+    out.append(bytes, start, at - start);
+    if (at == 0 || bytes[at - 1] != '\r') {
+      if (added != nullptr) added->push_back(out.size());
+      out.push_back('\r');
+    }
+    out.push_back('\n');
+    start = at + 1;
+  }
+  out.append(bytes, start, std::string_view::npos);
+  return out;
+}
+
+// Whether CR LF line ends of `bytes` can become LF and be read back as the
+// same bytes: every LF has a CR in front, and that CR none (a field that
+// ends in a CR of its own would lose it).
+bool maps_back(std::string_view bytes) {
+  for (const char* at = bytes.data(); const void* lf = std::memchr(at, '\n', bytes.data() + bytes.size() - at);) {
+    const char* found = static_cast<const char*>(lf);
+    const size_t before = static_cast<size_t>(found - bytes.data());
+    if (before == 0 || found[-1] != '\r' || (before >= 2 && found[-2] == '\r')) return false;
+    at = found + 1;
+  }
+  return true;
 }
 
 // Pre-order list of a subtree, parents before children.
@@ -63,12 +110,54 @@ std::vector<Item_node*> preorder(Item_node& top) {
 
 }  // namespace
 
+bool registered_module(std::string& path) {
+  Vek_wstring type_text;
+  tav_type_to_string(smtp_element_type, type_text);
+  Vek_wstring key = Vek_wstring(u"Software\\Tarnwell Systems\\Plugins\\") + smtp_element_name + u"\\" + type_text;
+  auto values = vek_read_reg_key(HKEY_LOCAL_MACHINE, key);
+  if (!values) return false;
+  for (const auto& value : *values) {
+    if (value.is_string && value.name == u"ImagePath") {
+      path = vek_utf16_to_utf8(value.text);
+      return true;
+    }
+  }
+  return false;
+}
+
+std::string policy_problem(const std::string& policy) {
+  size_t names = 0;
+  for (size_t start = 0; start <= policy.size();) {
+    size_t end = policy.find_first_of(",;", start);
+    if (end == std::string::npos) end = policy.size();
+    std::string name = policy.substr(start, end - start);
+    name.erase(0, name.find_first_not_of(" \t"));
+    name.erase(name.find_last_not_of(" \t") + 1);
+    start = end + 1;
+    if (name.empty()) continue;
+    ++names;
+    bool known = false;
+    for (const char* format : host_format_names) known = known || vek_string_equal_nc(name, format);
+    if (!known) return "\"" + name + "\" is no format; a policy lists SMTP and UUE, separated by commas";
+  }
+  if (names == 0) return "the list names no format; a policy lists SMTP and UUE, separated by commas";
+  return {};
+}
+
 std::unique_ptr<Plugin_library> Plugin_library::load(const Host_options& options, std::string& error) {
   std::string path = options.module_path;
   if (path.empty() && !options.registry.empty()) {
     if (!module_from_registry(options.registry, path, error)) return nullptr;
   }
   if (path.empty()) path = program_folder() + "/smtp.so";
+  // dlopen searches the library path for a name without a slash; a user
+  // who writes "--module smtp.so" means the file here.
+  if (path.find('/') == std::string::npos) path = "./" + path;
+  return load_element(path, smtp_element_name, smtp_element_type, error);
+}
+
+std::unique_ptr<Plugin_library> Plugin_library::load_element(const std::string& path, const char16_t* name,
+                                                             const Tav_guid& type, std::string& error) {
   std::unique_ptr<Plugin_library> library(new Plugin_library);
   library->module_ = Plg_module::load(path, error);
   if (!library->module_) return nullptr;
@@ -78,9 +167,9 @@ std::unique_ptr<Plugin_library> Plugin_library::load(const Host_options& options
     error = path + ": not a plug-in (no plg_get_factory)";
     return nullptr;
   }
-  library->element_ = get_factory(smtp_element_name, &smtp_element_type);
+  library->element_ = get_factory(name, &type);
   if (library->element_ == nullptr) {
-    error = path + ": has no element \"Larkspire SMTP Message\" of the SMTP type";
+    error = path + ": has no element \"" + vek_utf16_to_utf8(name) + "\" of its type";
     return nullptr;
   }
   return library;
@@ -118,32 +207,68 @@ void Manager_releaser::operator()(Fmg_manager_base* manager) const {
   if (manager != nullptr) manager->release();
 }
 
+std::unique_ptr<Host_plugins> Host_plugins::load(const Host_options& options, std::string& error) {
+  std::unique_ptr<Host_plugins> plugins(new Host_plugins);
+  auto smtp = Plugin_library::load(options, error);
+  if (!smtp) return nullptr;
+  const std::filesystem::path uue = std::filesystem::path(smtp->path()).parent_path() / uue_module_name;
+  plugins->libraries_.push_back(std::move(smtp));
+  std::error_code missing;
+  if (options.uuencode && std::filesystem::exists(uue, missing)) {
+    auto library = Plugin_library::load_element(uue.string(), uue_element_name, uue_element_type, error);
+    if (!library) return nullptr;
+    plugins->libraries_.push_back(std::move(library));
+  }
+  return plugins;
+}
+
+bool Host_plugins::create_managers(const Host_options& options, Format_managers& out, std::string& error) {
+  out.managers.clear();
+  for (auto& library : libraries_) {
+    Manager_ptr manager(library->create_manager(options, error));
+    if (!manager) return false;
+    out.managers.push_back(std::move(manager));
+  }
+  out.explain = smtp().module().function<Refusal_explainer>("smtp_explain_refusal");
+  return true;
+}
+
 std::string_view Item_node::bytes() const {
   if (buffer == nullptr || buffer->size() == 0) return {};
   return std::string_view(reinterpret_cast<const char*>(buffer->data()), buffer->size());
 }
 
+Message_tree::Message_tree(const Format_managers& managers, std::string bytes, const Host_options& options)
+    : explain_(managers.explain), options_(options) {
+  for (const auto& manager : managers.managers) managers_.push_back(manager.get());
+  owned_original_ = std::move(bytes);
+  take_input(owned_original_);
+  start();
+}
+
 Message_tree::Message_tree(Fmg_manager_base& manager, std::string bytes, const Host_options& options)
-    : manager_(manager), options_(options) {
-  // Most mail is canonical already: then the bytes are kept as they came,
-  // and a large message is not held twice.
-  if (options.keep_line_ends || is_canonical(bytes))
-    owned_ = std::move(bytes);
-  else
-    owned_ = make_canonical(bytes);
-  input_ = owned_;
+    : managers_{&manager}, options_(options) {
+  owned_original_ = std::move(bytes);
+  take_input(owned_original_);
   start();
 }
 
 Message_tree::Message_tree(Fmg_manager_base& manager, Borrowed, std::string_view bytes, const Host_options& options)
-    : manager_(manager), options_(options) {
-  if (options.keep_line_ends || is_canonical(bytes)) {
-    input_ = bytes;
-  } else {
-    owned_ = make_canonical(bytes);
-    input_ = owned_;
-  }
+    : managers_{&manager}, options_(options) {
+  take_input(bytes);
   start();
+}
+
+void Message_tree::take_input(std::string_view given) {
+  original_ = given;
+  input_ = given;
+  // Most mail is canonical already: then the plug-in reads the bytes as
+  // they came, and a large message is not held twice.
+  if (options_.keep_line_ends || is_canonical(given)) return;
+  const Line_ends ends = count_line_ends(given);
+  owned_ = canonical_copy(given, ends, &added_cr_);
+  input_ = owned_;
+  bare_lf_only_ = ends.crlf == 0;
 }
 
 void Message_tree::start() {
@@ -153,15 +278,15 @@ void Message_tree::start() {
   root_ = std::make_unique<Item_node>();
   root_->item = std::make_unique<Fmg_host_item>();
   root_->buffer = input_buffer_.get();
-  walk();
+  walk(*root_);
 }
 
 Message_tree::~Message_tree() { release_subtree(*root_); }
 
-void Message_tree::walk() {
+void Message_tree::walk(Item_node& top) {
   // Depth first with an explicit stack: nesting is bounded by max_depth,
   // not by the program's stack.
-  std::vector<Item_node*> stack{root_.get()};
+  std::vector<Item_node*> stack{&top};
   while (!stack.empty()) {
     Item_node* node = stack.back();
     stack.pop_back();
@@ -183,15 +308,35 @@ void Message_tree::open_node(Item_node& node) {
       node.item->add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
   }
   if (node.buffer == nullptr) return;
-  Vek_status status;
-  try {
-    node.handler = manager_.open(node.buffer, *node.item, status);
-  } catch (const std::exception& e) {
-    node.failure = std::string("open: ") + e.what();
-    return;
+  // Every manager in turn, until one takes the item. The status is the
+  // taker's, or the first failure of those that did not take it.
+  for (Fmg_manager_base* manager : managers_) {
+    Vek_status status;
+    try {
+      node.handler = manager->open(node.buffer, *node.item, status);
+    } catch (const std::exception& e) {
+      node.failure = std::string("open: ") + e.what();
+      return;
+    }
+    if (node.handler == nullptr) {
+      if (node.open_status == 0) node.open_status = status.value();
+      continue;
+    }
+    node.open_status = status.value();
+    node.manager = manager;
+    // A policy names the formats the host lets its managers open.
+    const Vek_wstring format = node.item->string_property(ZOR_FORMAT_SUBTYPE);
+    if (!options_.policy.empty() && !manager->accept(format)) {
+      node.handler->release();
+      node.handler = nullptr;
+      node.manager = nullptr;
+      node.policy_refused = vek_utf16_to_utf8(format);
+      continue;
+    }
+    break;
   }
-  node.open_status = status.value();
   if (node.handler == nullptr) return;
+  Vek_status status;
   node.handler_name = handler_class_name(*node.handler);
   try {
     if (!node.handler->has_items(*node.item, status) || !status.ok()) return;
@@ -305,6 +450,103 @@ bool Message_tree::replace(Item_node& node, std::string bytes, std::string& erro
   return true;
 }
 
+bool Message_tree::reopen(Item_node& node, std::string& error) {
+  if (node.parent == nullptr || node.parent->handler == nullptr) {
+    error = "only an item of a handler can be opened again";
+    return false;
+  }
+  release_subtree(node);
+  auto item = std::make_unique<Fmg_host_item>(node.parent->item.get());
+  uint32_t position = node.position;
+  Vek_status status;
+  Vek_buffer* buffer = nullptr;
+  try {
+    buffer = node.parent->handler->get_item(position, *item, status);
+  } catch (const std::exception& e) {
+    error = std::string("item ") + node.path + ": " + e.what();
+    return false;
+  }
+  if (!status.ok()) {
+    error = "item " + node.path + " could not be read again: " + status_text(status.value());
+    return false;
+  }
+  node.item = std::move(item);
+  node.buffer = buffer;
+  node.manager = nullptr;
+  node.handler_name.clear();
+  node.policy_refused.clear();
+  node.open_status = 0;
+  node.depth_limited = false;
+  node.failure.clear();
+  walk(node);
+  return true;
+}
+
+void Message_tree::replace_message(std::string bytes) {
+  release_subtree(*root_);
+  owned_original_ = std::move(bytes);
+  owned_.clear();
+  added_cr_.clear();
+  original_ = input_ = owned_original_;
+  message_replaced_ = true;
+  start();
+}
+
+std::string_view Message_tree::original_bytes(const Item_node& node) const {
+  const std::string_view bytes = node.bytes();
+  if (added_cr_.empty() || bytes.empty()) return bytes;
+  const auto at = reinterpret_cast<uintptr_t>(bytes.data());
+  const auto base = reinterpret_cast<uintptr_t>(input_.data());
+  if (at < base || at + bytes.size() > base + input_.size()) return bytes;
+  // Every CR added in front of a position moved it on by one.
+  auto given = [&](uint64_t position) {
+    return position - (std::lower_bound(added_cr_.begin(), added_cr_.end(), position) - added_cr_.begin());
+  };
+  const uint64_t begin = given(at - base);
+  return original_.substr(begin, given(at - base + bytes.size()) - begin);
+}
+
+Refusal Message_tree::refusal(const Item_node& node) const {
+  Refusal refusal;
+  if (node.depth_limited) {
+    refusal.reason = "not opened: deeper than the depth bound (--max-depth " + std::to_string(options_.max_depth) + ")";
+  } else if (!node.failure.empty()) {
+    refusal.reason = "a call of the plug-in failed: " + node.failure;
+  } else if (!node.policy_refused.empty()) {
+    refusal.reason = "the policy does not name its format " + node.policy_refused;
+  } else if (vek_string_equal_nc(node.item->string_property(ZOR_ITEM_CHARSET), u"UNICODE")) {
+    refusal.reason = "an exported header field, which is text the plug-in made";
+  } else if (node.open_status != 0) {
+    refusal.reason = "it could not be read (" + status_text(node.open_status) + ")";
+  } else if (explain_ != nullptr) {
+    const std::string_view bytes = node.bytes();
+    Smtp_refusal_text text{};
+    if (explain_(bytes.data(), bytes.size(), options_.hardened ? 1 : 0, &text) != 0) {
+      refusal.reason = text.reason;
+      refusal.line.assign(text.line, text.line_length);
+      refusal.line_number = text.line_number;
+    } else {
+      refusal.reason = "no format manager takes it";
+    }
+  } else {
+    refusal.reason = "no format manager takes it";
+  }
+  return refusal;
+}
+
+bool Message_tree::changed() {
+  if (message_replaced_) return true;
+  for (Item_node* node : preorder(*root_)) {
+    Vek_status status;
+    try {
+      if (node->handler != nullptr && node->handler->is_modified(*node->item, status)) return true;
+    } catch (const std::exception&) {
+      return true;  // rebuild will say what failed
+    }
+  }
+  return false;
+}
+
 bool Message_tree::rebuild(std::string& out, std::string& error) {
   std::vector<Item_node*> order = preorder(*root_);
   for (auto it = order.rbegin(); it != order.rend(); ++it) {
@@ -334,8 +576,11 @@ bool Message_tree::rebuild(std::string& out, std::string& error) {
       return false;
     }
     if (node.parent == nullptr) {
-      out.assign(reinterpret_cast<const char*>(rebuilt->data()), rebuilt->size());
-      delete rebuilt;
+      const std::unique_ptr<Vek_buffer> top(rebuilt);
+      const std::string_view written(reinterpret_cast<const char*>(top->data()), top->size());
+      // Mail that came with bare LF line ends (a Unix mailbox, a Maildir)
+      // goes back with them, where they read back as what was written.
+      out = bare_lf_only_ && maps_back(written) ? bare_line_ends(written) : std::string(written);
       return true;
     }
     release_subtree(node);
@@ -353,9 +598,13 @@ bool Message_tree::rebuild(std::string& out, std::string& error) {
       return false;
     }
   }
-  out = input_;  // nothing changed at the top
+  // Nothing changed at the top: the message as it came, or as it was put
+  // in place of the whole.
+  out = message_replaced_ && bare_lf_only_ && maps_back(original_) ? bare_line_ends(original_)
+                                                                    : std::string(original_);
   return true;
 }
+
 
 bool is_canonical(std::string_view bytes) {
   for (size_t start = 0; start < bytes.size();) {
@@ -368,19 +617,16 @@ bool is_canonical(std::string_view bytes) {
   return true;
 }
 
-std::string make_canonical(std::string_view bytes) {
+std::string make_canonical(std::string_view bytes, std::vector<uint64_t>* added) {
+  return canonical_copy(bytes, count_line_ends(bytes), added);
+}
+
+std::string bare_line_ends(std::string_view bytes) {
   std::string out;
-  out.reserve(bytes.size() + bytes.size() / 32);
+  out.reserve(bytes.size());
   size_t start = 0;
-  while (start < bytes.size()) {
-    const void* lf = std::memchr(bytes.data() + start, '\n', bytes.size() - start);
-    if (lf == nullptr) break;
-    size_t at = static_cast<const char*>(lf) - bytes.data();
-    out.append(bytes, start, at - start);
-    if (at == 0 || bytes[at - 1] != '\r') out.push_back('\r');
-    out.push_back('\n');
-    start = at + 1;
-  }
+  for (size_t at; (at = bytes.find("\r\n", start)) != std::string_view::npos; start = at + 2)
+    out.append(bytes, start, at - start).push_back('\n');
   out.append(bytes, start, std::string_view::npos);
   return out;
 }

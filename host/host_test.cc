@@ -10,8 +10,10 @@
 #include <fstream>
 #include <sstream>
 
+#include "host/names.h"
 #include "host/report.h"
 #include "host/scan.h"
+#include "host/sha256.h"
 
 namespace fs = std::filesystem;
 
@@ -23,15 +25,38 @@ Host_options plugin_options() {
   return options;
 }
 
-TEST(Canonical, BareLineFeedsBecomeCrLf) {
+TEST(Canonical, BareLineFeedsBecomeCrLfAndBack) {
   const struct {
     const char* in;
     const char* want;
-  } cases[] = {{"", ""}, {"a\nb", "a\r\nb"}, {"a\r\nb\n", "a\r\nb\r\n"}, {"\n\n", "\r\n\r\n"}, {"a\rb", "a\rb"}};
+    std::vector<uint64_t> added;
+  } cases[] = {{"", "", {}},
+               {"a\nb", "a\r\nb", {1}},
+               {"a\r\nb\n", "a\r\nb\r\n", {4}},
+               {"\n\n", "\r\n\r\n", {0, 2}},
+               {"a\rb", "a\rb", {}}};
   for (const auto& c : cases) {
-    EXPECT_EQ(make_canonical(c.in), c.want) << c.in;
+    std::vector<uint64_t> added;
+    EXPECT_EQ(make_canonical(c.in, &added), c.want) << c.in;
+    EXPECT_EQ(added, c.added) << c.in;
     EXPECT_EQ(is_canonical(c.in), std::string_view(c.in) == c.want) << c.in;
+    if (std::string_view(c.in).find('\r') == std::string_view::npos) {
+      EXPECT_EQ(bare_line_ends(c.want), c.in);
+    }
   }
+}
+
+// FIPS 180-2 appendix B: one block, two blocks (the length does not fit
+// behind 56 bytes), and a million bytes.
+TEST(Sha256, FipsVectors) {
+  const std::pair<std::string, const char*> cases[] = {
+      {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
+      {"abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+      {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
+       "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
+      {std::string(1000000, 'a'), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
+  };
+  for (const auto& [in, want] : cases) EXPECT_EQ(sha256_hex(in), want) << in.size();
 }
 
 TEST(Library, LoadsConfiguresAndCounts) {
@@ -129,8 +154,11 @@ TEST(LeafFileName, IsSafe) {
   EXPECT_EQ(leaf_file_name(node), "1.0__.._evil__name.pdf");
   node.item->set_property(u"ItemName", u"..hidden");
   EXPECT_EQ(leaf_file_name(node), "1.0_hidden");
-  node.item->set_property(u"ItemName", Vek_wstring(500, u'x'));
-  EXPECT_LE(leaf_file_name(node).size(), 120u);
+  node.item->set_property(u"ItemName", Vek_wstring(500, u'x') + u".exe");
+  EXPECT_EQ(leaf_file_name(node).size(), 120u);
+  EXPECT_TRUE(leaf_file_name(node).ends_with("x.exe"));  // cut in the stem, not the extension
+  node.item->set_property(u"ItemName", u"inv\x1b[2K\roice\u202efdp.exe");
+  EXPECT_EQ(leaf_file_name(node), "1.0_inv_[2K_oice_fdp.exe");
 }
 
 // Runs smtpfm with `arguments`; returns its exit code and its stderr.
@@ -165,24 +193,26 @@ std::string read_bytes(const fs::path& path) {
 
 // Every corpus message: its tree document is valid JSON with the contract's
 // keys, and no plug-in call throws.
-TEST(Corpus, TreesParseAndUnchangedMessagesComeBackWhole) {
+TEST(Corpus, TreesParseAndRefusalsSayWhy) {
   std::string error;
   Host_options options = plugin_options();
   options.export_headers = {"Subject", "From"};
-  auto library = Plugin_library::load(options, error);
-  ASSERT_NE(library, nullptr) << error;
-  Manager_ptr manager(library->create_manager(options, error));
+  auto plugins = Host_plugins::load(options, error);
+  ASSERT_NE(plugins, nullptr) << error;
+  Format_managers managers;
+  ASSERT_TRUE(plugins->create_managers(options, managers, error)) << error;
   size_t messages = 0, taken = 0;
   for (const auto& entry : fs::recursive_directory_iterator(corpus_folder())) {
     if (!entry.is_regular_file() || entry.path().extension() == ".md") continue;
     ++messages;
-    Message_tree tree(*manager, read_bytes(entry.path()), options);
+    Message_tree tree(managers, read_bytes(entry.path()), options);
     std::string line = tree_json(tree, entry.path().string()).dump();
     Json document = Json::parse(line);
     for (auto key : {"path", "length", "properties", "reports", "log", "taken", "handler", "open_status",
                      "modified", "items"})
       EXPECT_TRUE(document["item"].contains(key)) << key;
     if (tree.root().taken()) ++taken;
+    else EXPECT_NE(tree.refusal(tree.root()).line_number, 0u) << entry.path() << tree.refusal(tree.root()).reason;
     tree.for_each([&](Item_node& node) {
       EXPECT_TRUE(node.failure.empty()) << entry.path() << " " << node.path << ": " << node.failure;
     });
@@ -212,12 +242,19 @@ TEST_F(Tool_run, ExtractReplaceAndRebuildAPlainMessage) {
   std::ofstream(path("msg.eml"), std::ios::binary) << plain_message;
   ASSERT_EQ(smtpfm("extract " + path("msg.eml") + " -o " + path("out")), 0);
   // The body was cut at its uuencoded block: the block and what follows it
-  // is item 0, the text in front of it item 1.
-  EXPECT_EQ(read_bytes(path("out/0")), "begin 644 f.txt\r\n#86)C\r\n`\r\nend\r\nbye\r\n");
+  // is item 0, which uue.so opens into the file and the text behind it;
+  // the text in front of the block is item 1.
+  EXPECT_EQ(read_bytes(path("out/0.0_f.txt")), "abc");
+  EXPECT_EQ(read_bytes(path("out/0.1")), "bye\r\n");
   EXPECT_EQ(read_bytes(path("out/1")), "See below.\r\n");
   Json manifest = Json::parse(read_bytes(path("out/manifest.json")));
-  ASSERT_EQ(manifest["items"].size(), 2u);
+  ASSERT_EQ(manifest["items"].size(), 3u);
   EXPECT_EQ(manifest["items"][0]["properties"][0], Json::array({"ItemType", "AttachmentItem"}));
+  EXPECT_EQ(manifest["items"][0]["sha256"], sha256_hex("abc"));
+  // A second extract into the folder replaces the first one's files.
+  ASSERT_EQ(smtpfm("extract --no-uuencode " + path("msg.eml") + " -o " + path("out")), 0);
+  EXPECT_FALSE(fs::exists(path("out/0.0_f.txt")));
+  EXPECT_TRUE(fs::exists(path("out/0")));
 
   std::ofstream(path("new.txt"), std::ios::binary) << "(removed)\r\n";
   ASSERT_EQ(smtpfm("replace " + path("msg.eml") + " --item 0 --with " + path("new.txt") + " -o " +
@@ -230,24 +267,129 @@ TEST_F(Tool_run, ExtractReplaceAndRebuildAPlainMessage) {
   EXPECT_EQ(read_bytes(path("same.eml")), plain_message);
 }
 
+// The hostile messages of samples/hostile, one per way that mail hides
+// an attachment or a name.
+std::string hostile(const std::string& name) { return std::string(SMTPFM_SAMPLE_DIR "/hostile/") + name; }
+
+// Every error gives one line on stderr (the last one, where a command goes
+// on over its other inputs), its exit status and no output file.
 TEST_F(Tool_run, ErrorsGiveOneLineAndNoOutput) {
   std::ofstream(path("msg.eml"), std::ios::binary) << plain_message;
   std::ofstream(path("new.txt"), std::ios::binary) << "x";
+  fs::create_directories(path("used"));
+  std::ofstream(path("used/notes.txt")) << "mine";
   const std::string replace =
       "replace " + path("msg.eml") + " --with " + path("new.txt") + " -o " + path("out.eml");
-  const std::pair<std::string, std::string> cases[] = {
-      {"tree " + path("missing.eml"), "missing.eml: cannot open"},
-      {replace + " --item x", "no item x"},
-      {replace + " --export-header Subject --item 0", "may not be changed"},
+  const struct {
+    std::string arguments;
+    int status;
+    std::string message;
+    std::string printed = {};  // on standard output
+  } cases[] = {
+      {"tree " + path("missing.eml"), 1, "missing.eml: cannot open"},
+      {replace + " --item x", 1, "no item x"},
+      {replace + " --export-header Subject --item 0", 1, "may not be changed"},
+      {"tree --policy garbage " + path("msg.eml"), 1, "\"garbage\" is no format"},
+      {"tree --policy ' , ' " + path("msg.eml"), 1, "names no format"},
+      {"deregister --registry " + path("registry"), 1, "nothing to withdraw"},
+      {"extract " + path("msg.eml") + " -o " + path("used"), 1, "holds files that no earlier extract wrote"},
+      // tree goes on over the other files and fails at the end
+      {"tree " + path("missing.eml") + " " + path("msg.eml"), 1, "missing.eml: cannot open", "subject \"figures\""},
+      {"disarm " + hostile("not-mail.eml") + " -o " + path("out.eml"), 2,
+       "not taken: its first line is no header field"},
+      {"disarm " + hostile("signed.eml") + " -o " + path("out.eml"), 2, "remaining 1: nothing written"},
   };
-  for (const auto& [arguments, message] : cases) {
+  for (const auto& c : cases) {
     std::string err;
-    EXPECT_EQ(smtpfm(arguments, &err), 1) << arguments;
-    EXPECT_NE(err.find(message), std::string::npos) << err;
-    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
-    EXPECT_FALSE(fs::exists(path("out.eml"))) << arguments;
+    EXPECT_EQ(smtpfm(c.arguments + " > " + path("stdout"), &err), c.status) << c.arguments;
+    const size_t last_line = err.size() < 2 ? 0 : err.rfind('\n', err.size() - 2) + 1;
+    EXPECT_NE(err.find(c.message, last_line), std::string::npos) << err;
+    EXPECT_NE(read_bytes(path("stdout")).find(c.printed), std::string::npos) << c.arguments;
+    EXPECT_FALSE(fs::exists(path("out.eml"))) << c.arguments;
   }
+  EXPECT_EQ(read_bytes(path("used/notes.txt")), "mine");
   EXPECT_NE(smtpfm("tree"), 0);  // a missing argument
+}
+
+// disarm takes out what a client would offer, wherever it stands, or says
+// what remains and writes nothing.
+TEST_F(Tool_run, DisarmLeavesNoAttachmentOrSaysWhatRemains) {
+  const struct {
+    std::string file;
+    std::string options;
+    int status;
+    std::string said;     // on stderr
+    std::string written;  // in the output, when it is written
+  } cases[] = {
+      {"single-part-exe.eml", "", 0, "disarmed 0 \"evil.exe\"",
+       "Content-Type: text/plain; charset=us-ascii; name=\"evil.exe.txt\"\n"
+       "Content-Disposition: attachment; filename=\"evil.exe.txt\"\nContent-Transfer-Encoding: 7bit\n\n"
+       "This attachment was removed by smtpfm.\n"},
+      {"html-first.eml", "", 0, "disarmed 1.0 \"invoice.html\"", "Please see the invoice."},
+      {"disposition-text.eml", "", 0, "disarmed 0.0",
+       "Content-Disposition: attachment\nContent-Transfer-Encoding: 7bit\n\nThis attachment was removed"},
+      {"inline-image.eml", "", 0, "disarmed 0.0", "<img src=\"cid:x\">"},
+      {"forwarded.eml", "", 0, "disarmed 0.0.0.0 \"inner.zip\"", "inner text"},
+      {"forwarded-junk.eml", "", 0, "disarmed 0.0", "see the message"},
+      {"two-gifs.eml", "", 0, "disarmed 0.2 \"two.gif\"", "begin 644 two.gif.txt"},
+      {"x-uuencode.eml", "", 0, "disarmed 0.0 \"tool.exe\"", "name=\"tool.exe.txt\""},
+      {"rfc2231-name.eml", "", 0, "\\u{202e}fdp.exe", "filename=\"_fdp.exe.txt\""},
+      {"signed.eml", "", 2, "remains 0.1.0 \"broken.pdf\": item 0.1 may not be changed", ""},
+      {"signed.eml", "--signed keep", 0, "kept 0.1.0 \"broken.pdf\"", "JVBERi0xLjQK"},
+      {"signed.eml", "--signed strip", 0, "signature removed", "name=\"broken.pdf.txt\""},
+      {"encrypted.eml", "", 2, "encrypted: its content cannot be looked into", ""},
+      {"encrypted.eml", "--encrypted remove", 0, "disarmed (top) \"smime.p7m\"", "smime.p7m.txt"},
+      {"deep.eml", "--max-depth 3", 2, "not opened: deeper than the depth bound", ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file + " " + c.options);
+    fs::remove(path("out.eml"));
+    std::string err;
+    EXPECT_EQ(smtpfm("disarm " + hostile(c.file) + " " + c.options + " -o " + path("out.eml"), &err), c.status);
+    EXPECT_NE(err.find(c.said), std::string::npos) << err;
+    EXPECT_EQ(fs::exists(path("out.eml")), c.status == 0);
+    if (c.status == 0) {
+      EXPECT_NE(read_bytes(path("out.eml")).find(c.written), std::string::npos) << read_bytes(path("out.eml"));
+    }
+  }
+  // --json: the outcome of every item.
+  EXPECT_EQ(smtpfm("disarm --json " + hostile("signed.eml") + " -o " + path("x.eml") + " > " + path("outcome")), 2);
+  const Json outcome = Json::parse(read_bytes(path("outcome")));
+  EXPECT_EQ(outcome["remaining"], 1);
+  EXPECT_EQ(outcome["items"][0]["outcome"], "remains");
+  EXPECT_EQ(outcome["items"][0]["name"], "broken.pdf");
+}
+
+// The bytes nobody asked to change come out as they went in; names and
+// texts come out as a person reads them, and safe on a terminal.
+TEST_F(Tool_run, BytesLeftAloneAndNamesAPersonCanRead) {
+  std::string noise;
+  for (int i = 0; i < 4096; ++i) noise += static_cast<char>((i * 7919) % 251);
+  std::ofstream(path("noise.bin"), std::ios::binary) << noise;
+  const std::string binary = hostile("binary-part.eml");
+  const std::string blob = read_bytes(binary).substr(read_bytes(binary).find("binary\n\n") + 8, 1024);
+  const std::pair<std::string, std::string> same[] = {
+      {"rebuild " + path("noise.bin") + " -o " + path("a"), noise},
+      {"rebuild " + binary + " -o " + path("a"), read_bytes(binary)},
+      {"extract " + binary + " -o " + path("x") + " && cat " + path("x/0.0_blob.bin") + " > " + path("a"), blob},
+      {"extract --export-header Subject " + hostile("raw-utf8-name.eml") + " -o " + path("y") + " && cat " +
+           path("y/0_SUBJECT") + " > " + path("a"),
+       "für dich"},
+  };
+  for (const auto& [arguments, want] : same) {
+    EXPECT_EQ(smtpfm(arguments), 0) << arguments;
+    EXPECT_EQ(read_bytes(path("a")), want) << arguments;
+  }
+  EXPECT_TRUE(fs::exists(path("y/1.0_ciële.exe")));
+  ASSERT_EQ(smtpfm("tree " + hostile("control-name.eml") + " " + hostile("encoded-word-name.eml") + " " +
+                   hostile("raw-utf8-name.eml") + " " + corpus_folder().string() + "/mime4j/mimetools-testmsgs/infinite.msg " +
+                   hostile("not-mail.eml") + " > " + path("tree")),
+            0);
+  const std::string tree = read_bytes(path("tree"));
+  for (const char* shown : {"\"inv\\x1b[2K\\x0doice.pdf.exe\"", "\"Grüße.exe\"", "subject \"Für dich\"", "\"ciële.exe\"",
+                            "33 a step failed (0xc2010509 bad Content-Type)",
+                            "[not taken: its first line is no header field (\"Name: value\"); line 1: \"GIF89a\\x01"})
+    EXPECT_NE(tree.find(shown), std::string::npos) << shown << "\n" << tree;
 }
 
 TEST_F(Tool_run, ScanCountsAndWritesJsonLines) {
@@ -255,19 +397,28 @@ TEST_F(Tool_run, ScanCountsAndWritesJsonLines) {
       << "From x Mon Jan 1 00:00:00 2024\nFrom: a@b\nSubject: one\n\nhi\n\n"
          "From x Mon Jan 1 00:00:00 2024\nnot mail at all\n";
   std::string err;
-  EXPECT_EQ(smtpfm("scan -j 2 " + path("box.mbox") + " --json-lines " + path("trees.jsonl") + " > " +
-                   path("summary.txt")),
-            0);
+  // A missing path is reported, passed over and counted.
+  EXPECT_EQ(smtpfm("scan -j 2 --ordered " + path("box.mbox") + " " + path("missing") + " " + hostile("") +
+                       " --json-lines " + path("trees.jsonl") + " --refused " + path("refused.txt") + " > " +
+                       path("summary.txt"),
+                   &err),
+            1);
+  EXPECT_NE(err.find("missing: cannot open"), std::string::npos) << err;
   std::string summary = read_bytes(path("summary.txt"));
-  EXPECT_NE(summary.find("messages: 2\ntaken: 1\nrefused: 1"), std::string::npos) << summary;
+  EXPECT_NE(summary.find("messages: 20\ntaken: 18\nrefused: 2"), std::string::npos) << summary;
+  EXPECT_NE(summary.find("failures: 1\n"), std::string::npos) << summary;
   std::istringstream lines(read_bytes(path("trees.jsonl")));
   std::string line;
-  int documents = 0;
-  while (std::getline(lines, line)) {
-    EXPECT_TRUE(Json::parse(line).contains("item"));
-    ++documents;
-  }
-  EXPECT_EQ(documents, 2);
+  std::vector<std::string> files;
+  while (std::getline(lines, line)) files.push_back(Json::parse(line)["file"]);
+  ASSERT_EQ(files.size(), 20u);
+  EXPECT_EQ(files[0], path("box.mbox") + "#1");
+  EXPECT_TRUE(std::is_sorted(files.begin() + 2, files.end()));  // in the order of the input
+  EXPECT_EQ(read_bytes(path("refused.txt")),
+            path("box.mbox") + "#2: its first line is no header field (\"Name: value\") (line 1: \"not mail at all\")\n" +
+                hostile("not-mail.eml") +
+                ": its first line is no header field (\"Name: value\") (line 1: \"GIF89a\\x01\\x00\\x01\\x00 this is no "
+                "mail at all\")\n");
 }
 
 // "-" is standard input or output; a path that is no regular file is
@@ -290,11 +441,13 @@ TEST_F(Tool_run, StandardStreamsDevicesAndLinks) {
   }
   EXPECT_TRUE(fs::is_symlink(path("link.eml")));
   std::string err;
-  EXPECT_EQ(smtpfm("scan " + m + " --json-lines - > " + path("lines"), &err), 0);
+  EXPECT_EQ(smtpfm("scan " + m + " --json-lines /dev/stdout > " + path("lines"), &err), 0);
   EXPECT_EQ(Json::parse(read_bytes(path("lines")))["file"], m);
   EXPECT_NE(err.find("messages: 1"), std::string::npos) << err;
   EXPECT_EQ(smtpfm("--version > " + path("version")), 0);
   EXPECT_EQ(read_bytes(path("version")).rfind("smtpfm ", 0), 0u);
+  // A module named without a folder is the file in the working folder.
+  EXPECT_EQ(std::system(("cd " SMTPFM_BIN_DIR " && ./smtpfm tree --module smtp.so " + m + " > /dev/null").c_str()), 0);
 }
 
 }  // namespace

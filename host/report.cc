@@ -1,13 +1,11 @@
 #include "host/report.h"
 
 #include "contracts/zor.h"
+#include "host/log_codes.h"
+#include "host/names.h"
 #include "platform/vek/registry.h"
 
 namespace {
-
-// Long enough for real attachment names, short enough for every file
-// system's limit of 255 bytes with the path in front.
-constexpr size_t max_file_name = 120;
 
 bool is_modified(Item_node& node) {
   if (node.handler == nullptr) return false;
@@ -19,9 +17,17 @@ bool is_modified(Item_node& node) {
   }
 }
 
+// A message that no manager took says why.
+bool says_why(const Item_node& node) {
+  if (node.taken()) return false;
+  const Tav_property* message = node.item->properties().find(ZOR_MESSAGE_ITEM);
+  return node.parent == nullptr || (message != nullptr && message->type() == Tav_property::type_bool &&
+                                    message->bool_value());
+}
+
 // The JSON of a node with its children; iterative, since nesting depth is
 // the mail's choice.
-Json node_json(Item_node& top) {
+Json node_json(Message_tree& tree, Item_node& top) {
   struct Frame {
     Item_node* node;
     Json* target;
@@ -34,7 +40,7 @@ Json node_json(Item_node& top) {
     Item_node& node = *frame.node;
     Json& out = *frame.target;
     out["path"] = node.path;
-    out["length"] = node.bytes().size();
+    out["length"] = tree.original_bytes(node).size();
     Json properties = Json::array();
     for (const auto& property : node.item->properties())
       properties.push_back(Json::array({vek_utf16_to_utf8(property.name()), property_json(property)}));
@@ -44,13 +50,18 @@ Json node_json(Item_node& top) {
       reports.push_back(Json::array({vek_utf16_to_utf8(report.name), vek_utf16_to_utf8(report.value)}));
     out["reports"] = std::move(reports);
     Json log = Json::array();
-    for (const auto& entry : node.item->logs()) log.push_back(Json::array({entry.code, status_text(entry.status)}));
+    for (const auto& entry : node.item->logs())
+      log.push_back(Json::array({entry.code, status_text(entry.status), log_entry_text(entry.code, entry.status)}));
     out["log"] = std::move(log);
     out["taken"] = node.taken();
     out["handler"] = node.taken() ? Json(node.handler_name) : Json(nullptr);
     out["open_status"] = status_text(node.open_status);
     out["modified"] = is_modified(node);
     if (!node.failure.empty()) out["failure"] = node.failure;
+    if (says_why(node)) {
+      const Refusal refusal = tree.refusal(node);
+      out["refusal"] = Json{{"reason", refusal.reason}, {"line_number", refusal.line_number}, {"line", refusal.line}};
+    }
     out["items"] = Json::array();
     if (node.depth_limited) out["depth_limited"] = true;
     Json& items = out["items"];
@@ -63,6 +74,11 @@ Json node_json(Item_node& top) {
 std::string property(const Item_node& node, const char16_t* name) {
   const Tav_property* found = node.item->properties().find(name);
   return found == nullptr ? std::string() : property_text(*found);
+}
+
+// A text property as a person reads it.
+std::string shown(const Item_node& node, const char16_t* name) {
+  return readable_text(node.item->string_property(name));
 }
 
 }  // namespace
@@ -92,65 +108,56 @@ std::string property_text(const Tav_property& property) {
 Json tree_json(Message_tree& tree, const std::string& file) {
   Json document;
   document["file"] = file;
-  document["size"] = tree.input().size();
+  document["size"] = tree.original().size();
   document["profile"] = profile_name(tree.options());
-  document["item"] = node_json(tree.root());
+  document["item"] = node_json(tree, tree.root());
   return document;
 }
 
 std::string tree_text(Message_tree& tree, const std::string& file) {
-  std::string out = file + " (" + std::to_string(tree.input().size()) + " bytes, " +
+  std::string out = escaped_for_terminal(file) + " (" + std::to_string(tree.original().size()) + " bytes, " +
                     profile_name(tree.options()) + " profile)\n";
   tree.for_each([&](Item_node& node) {
     std::string line(2 * (node.depth + 1), ' ');
-    line += "[" + node.path + "] " + std::to_string(node.bytes().size()) + " bytes";
+    line += "[" + node.path + "] " + std::to_string(tree.original_bytes(node).size()) + " bytes";
     std::string type = property(node, ZOR_ITEM_TYPE);
     if (!type.empty()) line += " " + type;
     std::string mime = property(node, ZOR_MIME_TYPE);
     if (!mime.empty()) line += " " + mime + "/" + property(node, ZOR_MIME_SUBTYPE);
     std::string enclosed = property(node, ZOR_ENCLOSED_MIME_TYPE);
     if (!enclosed.empty()) line += " (part " + enclosed + "/" + property(node, ZOR_ENCLOSED_MIME_SUBTYPE) + ")";
-    std::string name = property(node, ZOR_ITEM_NAME);
+    std::string name = shown(node, ZOR_ITEM_NAME);
     if (!name.empty()) line += " \"" + name + "\"";
     std::string charset = property(node, ZOR_ITEM_CHARSET);
     if (!charset.empty()) line += " charset=" + charset;
     if (node.parent == nullptr) {
-      std::string subject = property(node, ZOR_SUBJECT);
+      std::string subject = shown(node, ZOR_SUBJECT);
       if (!subject.empty()) line += " subject \"" + subject + "\"";
     }
     if (node.taken()) line += " <" + node.handler_name + ">";
     if (!node.item->logs().empty()) {
       line += " log";
-      for (const auto& entry : node.item->logs()) {
-        line += " " + std::to_string(entry.code);
-        if (entry.status != 0) line += "(" + status_text(entry.status) + ")";
+      for (size_t i = 0; i < node.item->logs().size(); ++i) {
+        const auto& entry = node.item->logs()[i];
+        line += (i == 0 ? " " : ", ") + log_entry_text(entry.code, entry.status);
       }
+    }
+    if (says_why(node)) {
+      const Refusal refusal = tree.refusal(node);
+      line += " [not taken: " + refusal.reason;
+      if (refusal.line_number != 0)
+        line += "; line " + std::to_string(refusal.line_number) + ": \"" + refusal.line + "\"";
+      line += "]";
     }
     if (node.depth_limited) line += " [not opened: depth limit]";
     if (!node.failure.empty()) line += " [" + node.failure + "]";
-    out += line + "\n";
+    // Names and lines of hostile mail may hold controls that a terminal
+    // would act on.
+    out += escaped_for_terminal(line) + "\n";
   });
   return out;
 }
 
 std::string leaf_file_name(const Item_node& node) {
-  std::string name = node.path.empty() ? "message" : node.path;
-  std::string item_name = property(node, ZOR_ITEM_NAME);
-  std::string safe;
-  for (unsigned char c : item_name) {
-    if (c < 0x20 || c == 0x7F || c == '/' || c == '\\' || c == ':') {
-      safe += '_';
-    } else {
-      safe += static_cast<char>(c);
-    }
-  }
-  while (!safe.empty() && (safe.front() == '.' || safe.front() == ' ')) safe.erase(0, 1);
-  if (!safe.empty()) name += "_" + safe;
-  if (name.size() > max_file_name) {
-    // Cut on a UTF-8 character boundary.
-    size_t cut = max_file_name;
-    while (cut > 0 && (static_cast<unsigned char>(name[cut]) & 0xC0) == 0x80) --cut;
-    name.resize(cut);
-  }
-  return name;
+  return safe_file_name(node.path.empty() ? "message" : node.path, readable_text(node.item->string_property(ZOR_ITEM_NAME)));
 }

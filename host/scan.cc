@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "contracts/zor.h"
+#include "host/names.h"
 #include "host/report.h"
 
 namespace fs = std::filesystem;
@@ -87,13 +88,19 @@ bool take_file(const fs::path& path, const std::function<void(std::string, std::
 // A queue of messages between the reader and the workers; it holds at most
 // `capacity` messages, so memory follows the largest message, not the
 // mailbox.
+struct Queued_message {
+  uint64_t sequence;  // its place in the input, from 0
+  std::string name;
+  std::string bytes;
+};
+
 class Message_queue {
  public:
   explicit Message_queue(size_t capacity) : capacity_(capacity) {}
-  void push(std::string name, std::string bytes) {
+  void push(Queued_message message) {
     std::unique_lock lock(mutex_);
     not_full_.wait(lock, [&] { return queue_.size() < capacity_; });
-    queue_.emplace_back(std::move(name), std::move(bytes));
+    queue_.push_back(std::move(message));
     not_empty_.notify_one();
   }
   void close() {
@@ -101,7 +108,7 @@ class Message_queue {
     closed_ = true;
     not_empty_.notify_all();
   }
-  std::optional<std::pair<std::string, std::string>> pop() {
+  std::optional<Queued_message> pop() {
     std::unique_lock lock(mutex_);
     not_empty_.wait(lock, [&] { return !queue_.empty() || closed_; });
     if (queue_.empty()) return std::nullopt;
@@ -114,7 +121,7 @@ class Message_queue {
  private:
   std::mutex mutex_;
   std::condition_variable not_full_, not_empty_;
-  std::deque<std::pair<std::string, std::string>> queue_;
+  std::deque<Queued_message> queue_;
   size_t capacity_;
   bool closed_ = false;
 };
@@ -136,7 +143,7 @@ struct Totals {
 
 void count_tree(Message_tree& tree, Totals& totals) {
   ++totals.messages;
-  totals.bytes += tree.input().size();
+  totals.bytes += tree.original().size();
   Item_node& root = tree.root();
   if (root.taken()) {
     ++totals.taken;
@@ -158,61 +165,141 @@ void count_tree(Message_tree& tree, Totals& totals) {
 }  // namespace
 
 bool for_each_message(const std::vector<std::string>& paths,
-                      const std::function<void(std::string, std::string)>& take, std::string& error) {
+                      const std::function<void(std::string, std::string)>& take, std::string& error,
+                      const std::function<void(const std::string&)>& failed) {
+  bool all = true;
+  auto fail = [&](const std::string& why) {
+    if (all) error = why;
+    all = false;
+    if (failed) failed(why);
+  };
   for (const auto& path : paths) {
     std::error_code code;
+    std::string why;
     if (fs::is_directory(path, code)) {
       std::vector<fs::path> files;
       for (auto it = fs::recursive_directory_iterator(path, code); !code && it != fs::recursive_directory_iterator();
            it.increment(code))
         if (it->is_regular_file()) files.push_back(it->path());
-      if (code) {
-        error = path + ": cannot read: " + code.message();
-        return false;
-      }
+      if (code) fail(path + ": cannot read: " + code.message());
       std::sort(files.begin(), files.end());
       for (const auto& file : files)
-        if (!take_file(file, take, error)) return false;
-    } else if (!take_file(path, take, error)) {
-      return false;
+        if (!take_file(file, take, why)) fail(why);
+    } else if (!take_file(path, take, why)) {
+      fail(why);
     }
   }
-  return true;
+  return all;
 }
 
-int run_scan(const Host_options& options, const std::vector<std::string>& paths, unsigned jobs,
-             const std::string& json_lines) {
+namespace {
+
+// The lines a message gives the two outputs, and a writer that puts them
+// out in the order of the input where that is asked for. The reader waits
+// while `window` messages are still to be written, so that one slow
+// message never makes the others pile up in memory.
+struct Scan_lines {
+  std::string document;
+  std::string refused;
+};
+
+class Ordered_writer {
+ public:
+  Ordered_writer(std::ostream* documents, std::ostream* refused, bool ordered, size_t window)
+      : documents_(documents), refused_(refused), ordered_(ordered), window_(window) {}
+  // Blocks while the message numbered `sequence` would pass the window.
+  void wait_room(uint64_t sequence) {
+    if (!ordered_) return;
+    std::unique_lock lock(mutex_);
+    room_.wait(lock, [&] { return sequence < next_ + window_; });
+  }
+  void write(uint64_t sequence, Scan_lines lines) {
+    std::lock_guard lock(mutex_);
+    if (!ordered_) {
+      put(lines);
+      return;
+    }
+    pending_.emplace(sequence, std::move(lines));
+    for (auto it = pending_.begin(); it != pending_.end() && it->first == next_; it = pending_.erase(it), ++next_)
+      put(it->second);
+    room_.notify_all();
+  }
+
+ private:
+  void put(const Scan_lines& lines) {
+    if (documents_ != nullptr) *documents_ << lines.document;
+    if (refused_ != nullptr) *refused_ << lines.refused;
+  }
+  std::ostream* documents_;
+  std::ostream* refused_;
+  bool ordered_;
+  size_t window_;
+  std::mutex mutex_;
+  std::condition_variable room_;
+  std::map<uint64_t, Scan_lines> pending_;
+  uint64_t next_ = 0;
+};
+
+// Messages that may wait to be written in order, per worker.
+constexpr size_t ordered_window_per_job = 64;
+
+// Whether `path` names what standard output is: "-", /dev/stdout, or the
+// file that standard output was sent to.
+bool is_standard_output(const std::string& path) {
+  if (path == "-") return true;
+  struct stat out_stat, path_stat;
+  return fstat(STDOUT_FILENO, &out_stat) == 0 && stat(path.c_str(), &path_stat) == 0 &&
+         out_stat.st_dev == path_stat.st_dev && out_stat.st_ino == path_stat.st_ino;
+}
+
+// An output named on the command line: standard output for "-", else the
+// file, opened anew.
+std::ostream* open_output(const std::string& path, std::ofstream& file, std::string& error) {
+  if (path.empty()) return nullptr;
+  if (path == "-") return &std::cout;
+  file.open(path, std::ios::binary | std::ios::trunc);
+  if (!file) {
+    error = path + ": cannot write: " + std::strerror(errno);
+    return nullptr;
+  }
+  return &file;
+}
+
+std::string refused_line(Message_tree& tree, const std::string& name) {
+  const Refusal refusal = tree.refusal(tree.root());
+  std::string line = name + ": " + refusal.reason;
+  if (refusal.line_number != 0)
+    line += " (line " + std::to_string(refusal.line_number) + ": \"" + refusal.line + "\")";
+  return escaped_for_terminal(line) + "\n";
+}
+
+}  // namespace
+
+int run_scan(const Host_options& options, const std::vector<std::string>& paths, const Scan_options& scan) {
   std::string error;
-  auto library = Plugin_library::load(options, error);
-  if (!library) {
+  auto plugins = Host_plugins::load(options, error);
+  if (!plugins) {
     std::cerr << "smtpfm: " << error << '\n';
     return 1;
   }
-  // The documents go to standard output for "-" (or a path that is
-  // standard output, such as /dev/stdout), and the summary then goes to
-  // standard error, so that a pipe gets JSON lines only.
-  std::ofstream json_file;
-  std::ostream* json_out = nullptr;
-  if (json_lines == "-") {
-    json_out = &std::cout;
-  } else if (!json_lines.empty()) {
-    json_file.open(json_lines, std::ios::binary | std::ios::trunc);
-    if (!json_file) {
-      std::cerr << "smtpfm: " << json_lines << ": cannot write\n";
-      return 1;
-    }
-    json_out = &json_file;
+  std::ofstream json_file, refused_file;
+  std::ostream* json_out = open_output(scan.json_lines, json_file, error);
+  std::ostream* refused_out = error.empty() ? open_output(scan.refused, refused_file, error) : nullptr;
+  if (!error.empty()) {
+    std::cerr << "smtpfm: " << error << '\n';
+    return 1;
   }
-  struct stat out_stat, path_stat;
-  const bool json_to_stdout =
-      json_out == &std::cout || (json_out != nullptr && fstat(STDOUT_FILENO, &out_stat) == 0 &&
-                                 stat(json_lines.c_str(), &path_stat) == 0 && out_stat.st_dev == path_stat.st_dev &&
-                                 out_stat.st_ino == path_stat.st_ino);
-  std::ostream& summary = json_to_stdout ? std::cerr : std::cout;
+  // Where data go to standard output, the summary and the progress go to
+  // standard error, so that a pipe gets data only.
+  const bool data_to_stdout = (json_out != nullptr && is_standard_output(scan.json_lines)) ||
+                              (refused_out != nullptr && is_standard_output(scan.refused));
+  std::ostream& summary = data_to_stdout ? std::cerr : std::cout;
+  const unsigned jobs = std::max(1u, scan.jobs);
   Message_queue queue(jobs);
-  std::mutex output_mutex;
+  Ordered_writer writer(json_out, refused_out, scan.ordered, ordered_window_per_job * jobs);
+  std::mutex totals_mutex;
   Totals totals;
-  std::atomic<uint64_t> done{0}, done_bytes{0};
+  std::atomic<uint64_t> done{0}, done_bytes{0}, read_failures{0};
   std::atomic<bool> worker_failed{false};
   auto start = std::chrono::steady_clock::now();
 
@@ -220,22 +307,25 @@ int run_scan(const Host_options& options, const std::vector<std::string>& paths,
   for (unsigned i = 0; i < jobs; ++i) {
     workers.emplace_back([&] {
       std::string why;
-      Manager_ptr manager(library->create_manager(options, why));
+      Format_managers managers;
+      const bool ready = plugins->create_managers(options, managers, why);
       Totals mine;
       while (auto message = queue.pop()) {
-        if (!manager) continue;  // drain the queue so the reader never blocks
-        Message_tree tree(*manager, std::move(message->second), options);
-        count_tree(tree, mine);
-        if (json_out != nullptr) {
-          std::string line = tree_json(tree, message->first).dump() + "\n";
-          std::lock_guard lock(output_mutex);
-          *json_out << line;
+        if (!ready) {  // drain the queue so the reader never blocks
+          writer.write(message->sequence, {});
+          continue;
         }
+        Message_tree tree(managers, std::move(message->bytes), options);
+        count_tree(tree, mine);
+        Scan_lines lines;
+        if (json_out != nullptr) lines.document = tree_json(tree, message->name).dump() + "\n";
+        if (refused_out != nullptr && !tree.root().taken()) lines.refused = refused_line(tree, message->name);
+        writer.write(message->sequence, std::move(lines));
         ++done;
-        done_bytes += tree.input().size();
+        done_bytes += tree.original().size();
       }
-      if (!manager) worker_failed = true;
-      std::lock_guard lock(output_mutex);
+      if (!ready) worker_failed = true;
+      std::lock_guard lock(totals_mutex);
       totals.add(mine);
     });
   }
@@ -244,17 +334,26 @@ int run_scan(const Host_options& options, const std::vector<std::string>& paths,
   std::thread progress;
   if (isatty(STDERR_FILENO)) {
     progress = std::thread([&] {
-      while (reading || done < totals.messages) {
+      while (reading) {
         double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         std::fprintf(stderr, "\r%llu messages, %.1f MB, %.1f MB/s   ", static_cast<unsigned long long>(done.load()),
                      done_bytes / 1e6, seconds > 0 ? done_bytes / 1e6 / seconds : 0.0);
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        if (!reading) break;
       }
     });
   }
-  bool read_ok = for_each_message(
-      paths, [&](std::string name, std::string bytes) { queue.push(std::move(name), std::move(bytes)); }, error);
+  uint64_t sequence = 0;
+  for_each_message(
+      paths,
+      [&](std::string name, std::string bytes) {
+        writer.wait_room(sequence);
+        queue.push({sequence++, std::move(name), std::move(bytes)});
+      },
+      error,
+      [&](const std::string& why) {
+        ++read_failures;
+        std::cerr << "\r" << "smtpfm: " << why << '\n';
+      });
   queue.close();
   for (auto& worker : workers) worker.join();
   reading = false;
@@ -262,24 +361,23 @@ int run_scan(const Host_options& options, const std::vector<std::string>& paths,
     progress.join();
     std::fprintf(stderr, "\r%60s\r", "");
   }
+  if (json_out != nullptr) json_out->flush();
+  if (refused_out != nullptr) refused_out->flush();
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
   summary << "profile: " << profile_name(options) << "\nmessages: " << totals.messages
           << "\ntaken: " << totals.taken << "\nrefused: " << totals.refused << "\n";
   for (const auto& [name, count] : totals.handlers) summary << "  " << name << ": " << count << "\n";
   summary << "attachments: " << totals.attachments << "\nlog code 33: " << totals.code33
-          << "\nfailures: " << totals.failures << "\n";
+          << "\nfailures: " << totals.failures + read_failures << "\n";
   char rate[64];
   std::snprintf(rate, sizeof rate, "%.1f MB in %.2f s, %.1f MB/s", totals.bytes / 1e6, seconds,
                 seconds > 0 ? totals.bytes / 1e6 / seconds : 0.0);
   summary << rate << "\n";
-  if (!read_ok) {
-    std::cerr << "smtpfm: " << error << '\n';
-    return 1;
-  }
   if (worker_failed) {
-    std::cerr << "smtpfm: a worker could not create its format manager\n";
+    std::cerr << "smtpfm: a worker could not create its format managers\n";
     return 1;
   }
+  if (read_failures != 0) return 1;
   return totals.failures == 0 ? 0 : 2;
 }

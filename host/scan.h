@@ -14,12 +14,22 @@
 // a file whose first line begins with "From " is an mbox, split at every
 // "From " line that begins the file or follows an empty line; that
 // envelope line is not part of the message. An mbox is read a message at a
-// time, never whole. Returns false with `error` for a path it cannot read.
+// time, never whole. A path that cannot be read is passed over: `failed`
+// (when given) gets why, and the result is false with the first reason in
+// `error`.
 bool for_each_message(const std::vector<std::string>& paths,
-                      const std::function<void(std::string name, std::string bytes)>& take, std::string& error);
+                      const std::function<void(std::string name, std::string bytes)>& take, std::string& error,
+                      const std::function<void(const std::string& why)>& failed = nullptr);
 
-// The scan command; returns the exit code.
-int run_scan(const Host_options& options, const std::vector<std::string>& paths, unsigned jobs,
-             const std::string& json_lines);
+struct Scan_options {
+  unsigned jobs = 1;
+  std::string json_lines;  // the tree --json document of every message goes here ("-": standard output)
+  std::string refused;     // each message that was not taken, and why, goes here
+  bool ordered = false;    // documents in the order of the input, whatever worker finished first
+};
+
+// The scan command; returns the exit code: 0, 1 when an input could not be
+// read or the plug-in not loaded, 2 when a plug-in call failed.
+int run_scan(const Host_options& options, const std::vector<std::string>& paths, const Scan_options& scan);
 
 #endif  // SMTPFM_HOST_SCAN_H_

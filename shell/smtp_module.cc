@@ -1,5 +1,6 @@
 // The library smtp.so (smtp.dll on Windows): its one element, its
-// application object, its order rule, its entry point and its four exports.
+// application object, its order rule, its entry point, its four exports and
+// one diagnostic export.
 //
 // The module state is built during static construction in this order: the
 // element list (on first use, by the element), the element, the
@@ -7,6 +8,7 @@
 // constant-initialised in the frame.
 #include "encoding/rfc1505_handler.h"
 #include "manager/format_manager.h"
+#include "manager/refusal.h"
 #include "mime/rfc1521_handler.h"
 #include "shell/plg_frame.h"
 
@@ -66,3 +68,6 @@ SMTPFM_EXPORT int plg_can_unload_now() { return plg_object_count == 0 ? 1 : 0; }
 SMTPFM_EXPORT bool plg_register_elements() { return plg_register_all(); }
 
 SMTPFM_EXPORT bool plg_deregister_elements() { return plg_deregister_all(); }
+
+// Beside the contract, for hosts that say why an item was not taken (manager/refusal.h).
+SMTPFM_EXPORT int smtp_explain_refusal(const char* data, size_t size, int hardened, Smtp_refusal_text* out) { return smtp_explain_into(data, size, hardened, out); }
