@@ -446,6 +446,9 @@ int main(int argc, char** argv) {
     report(failure);
     return 1;
   }
+  // check, filter and milter ended in their callbacks; they fail by
+  // throwing out of the parse, so reaching here is success.
+  if (!app.get_subcommands().empty()) return 0;
   std::cerr << app.help();
   return 1;
 }
