@@ -62,16 +62,16 @@ bool read_bytes(const std::string& path, std::string& bytes) {
   return ok;
 }
 
-// The plug-in with one manager; ends the command with `code` on failure.
+// The plug-ins with a manager of each; ends the command with `code` on
+// failure.
 struct Plugin {
   Plugin(const Host_options& options, int code) {
     std::string error;
-    library = Plugin_library::load(options, error);
-    if (library) manager.reset(library->create_manager(options, error));
-    if (!manager) fail(error, code);
+    plugins = Host_plugins::load(options, error);
+    if (!plugins || !plugins->create_managers(options, managers, error)) fail(error, code);
   }
-  std::unique_ptr<Plugin_library> library;
-  Manager_ptr manager;  // released before the library unloads
+  std::unique_ptr<Host_plugins> plugins;
+  Format_managers managers;  // released before the plug-ins unload
 };
 
 Policy load_policy(const std::string& path, int code) {
@@ -86,7 +86,7 @@ Policy load_policy(const std::string& path, int code) {
 Evaluation evaluate_bytes(const Policy& policy, Plugin& plugin, const Host_options& options, std::string bytes,
                           std::string& passed_on) {
   try {
-    Message_tree tree(*plugin.manager, std::move(bytes), options);
+    Message_tree tree(plugin.managers, std::move(bytes), options);
     Evaluation evaluation = evaluate(policy, tree);
     if (evaluation.passes()) {
       passed_on = with_verdict_header(evaluation.rewritten ? std::string_view(evaluation.message) : tree.input(),

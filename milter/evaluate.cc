@@ -4,6 +4,7 @@
 #include <unordered_set>
 
 #include "contracts/zor.h"
+#include "host/disarm.h"
 #include "host/report.h"
 
 namespace {
@@ -38,7 +39,8 @@ bool is_decided(const Item_node& node) {
 }
 
 // The notice that stands in for an item, with {rule} and {name} filled in;
-// a name is the sender's text and loses its control characters.
+// a name is the sender's text and loses its control characters. The
+// notice's line end is the disarm's to add.
 std::string notice_text(const std::string& pattern, const Item_decision& decision) {
   std::string name = decision.facts.names.empty() ? std::string("(no name)") : decision.facts.names.front();
   for (char& c : name)
@@ -55,15 +57,7 @@ std::string notice_text(const std::string& pattern, const Item_decision& decisio
       out += pattern[i];
     }
   }
-  return out + "\r\n";
-}
-
-// Replaces an item by the policy's notice.
-// TODO(merge): call disarm_item of host/disarm.h, which puts a text/plain
-// notice part named like the item plus ".txt" in place of its entity; until
-// it lands the item's content alone is replaced and its header kept.
-bool disarm(Message_tree& tree, Item_node& node, const std::string& notice, std::string& error) {
-  return tree.replace(node, notice, error);
+  return out;
 }
 
 // Why the plug-in could not read the message, or empty.
@@ -138,7 +132,7 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
   if (!failure.empty()) return unreadable(policy, failure);
 
   Evaluation evaluation;
-  std::vector<Item_node*> disarmed;
+  std::vector<std::string> disarmed;  // paths: a disarm releases the nodes of the entity it replaces
   std::unordered_set<const Item_node*> gone;
   const Rule* decider = nullptr;  // the first rule of the strongest action
   tree.for_each([&](Item_node& node) {
@@ -156,7 +150,7 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
         evaluation.rules.push_back(decision.rule->name);
       if (decider == nullptr || decision.action > decider->outcome.action) decider = decision.rule;
       if (decision.action == Action::disarm) {
-        disarmed.push_back(&node);
+        disarmed.push_back(node.path);
         gone.insert(&node);
       }
     }
@@ -173,11 +167,18 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
     out.rules = std::move(evaluation.rules);
     return out;
   };
+  // Each disarm puts a text/plain notice, named as the item was with
+  // ".txt" behind, in place of the item's entity, as `smtpfm disarm` does.
+  // Items that are disarmed never lie inside one another, so the paths
+  // still to come stand where they stood; one that is gone went with the
+  // entity of an item before it.
   size_t next = 0;
-  for (Item_node* node : disarmed) {
-    while (evaluation.items[next].path != node->path) ++next;
+  for (const std::string& path : disarmed) {
+    while (evaluation.items[next].path != path) ++next;
     Item_decision& decision = evaluation.items[next];
-    if (!disarm(tree, *node, notice_text(policy.notice, decision), decision.error))
+    Item_node* node = tree.find(path);
+    if (node == nullptr) continue;
+    if (!disarm_item(tree, *node, notice_text(policy.notice, decision), decision.error))
       return failed("item " + decision.path + " cannot be disarmed: " + decision.error);
   }
   std::string error;
@@ -187,7 +188,10 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
 }
 
 std::string with_verdict_header(std::string_view message, const std::string& name, const std::string& value) {
-  std::string out = name + ": " + value + "\r\n";
+  // The field ends its line as the message's first line does.
+  const size_t first_end = message.find('\n');
+  const bool bare_lf = first_end != std::string_view::npos && (first_end == 0 || message[first_end - 1] != '\r');
+  std::string out = name + ": " + value + (bare_lf ? "\n" : "\r\n");
   out.reserve(message.size() + out.size());
   // Header lines up to the first empty line; a field goes with the lines
   // that continue it (they begin with a blank).

@@ -49,7 +49,8 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree);
 Evaluation unreadable(const Policy& policy, const std::string& reason);
 
 // `message` with every field named `name` removed (a sender's forged
-// verdict) and "name: value" put in front.
+// verdict) and "name: value" put in front, its line ended as the
+// message's first line is (CR LF, or LF alone).
 std::string with_verdict_header(std::string_view message, const std::string& name, const std::string& value);
 
 #endif  // SMTPFM_MILTER_EVALUATE_H_

@@ -7,12 +7,19 @@
 
 namespace {
 
-Host_options plugin_options() {
+// smtp.so and uue.so with a manager of each, as the milter has them.
+struct Plugins {
+  Plugins() {
+    options.module_path = std::string(SMTPFM_BIN_DIR) + "/smtp.so";
+    options.hardened = true;
+    std::string error;
+    plugins = Host_plugins::load(options, error);
+    if (!plugins || !plugins->create_managers(options, managers, error)) ADD_FAILURE() << error;
+  }
   Host_options options;
-  options.module_path = std::string(SMTPFM_BIN_DIR) + "/smtp.so";
-  options.hardened = true;
-  return options;
-}
+  std::unique_ptr<Host_plugins> plugins;
+  Format_managers managers;
+};
 
 // A multipart entity of a text body and one attachment of the given
 // head, whose body is "QUJD" (ABC).
@@ -59,10 +66,18 @@ TEST(Evaluate, VerdictRulesAndWhatPassesOn) {
     const char* want_verdict;
     const char* want_error;    // a part of the error, "" for none
     const char* want_in_output;  // "" when nothing passes on or it is the input
+    const char* want_written = "";  // in the message as it passes on
   } cases[] = {
       {"clean", with_attachment("application/pdf", "attachment; filename=a.pdf"), "accept; rules=text", "", ""},
+      // The part becomes a text/plain part named as the attachment was.
       {"exe disarmed", with_attachment("application/octet-stream", "attachment; filename=\"setup.exe\""),
-       "disarm; rules=exe,text", "", "removed by exe: setup.exe"},
+       "disarm; rules=exe,text", "", "removed by exe: setup.exe",
+       "--b\r\nContent-Type: text/plain; charset=us-ascii; name=\"setup.exe.txt\"\r\n"
+       "Content-Disposition: attachment; filename=\"setup.exe.txt\"\r\n"},
+      // uue.so opens the file uuencoded in the text, so the rules see its name.
+      {"exe uuencoded in the text",
+       "From: a@example.org\r\nSubject: s\r\n\r\nHello there\r\nbegin 644 evil.exe\r\n#04)#\r\n`\r\nend\r\n",
+       "disarm; rules=exe", "", "removed by exe: evil.exe", "begin 644 evil.exe.txt\r\n"},
       {"refusal wins", with_attachment("application/javascript", "attachment; filename=x.js"),
        "reject; rules=scripts,text", "", ""},
       {"encrypted", with_attachment("application/pkcs7-mime; smime-type=enveloped-data", "attachment; filename=m.p7m"),
@@ -79,21 +94,18 @@ TEST(Evaluate, VerdictRulesAndWhatPassesOn) {
   std::string error;
   auto policy = Policy::parse(policy_text, "p.toml", error);
   ASSERT_TRUE(policy) << error;
-  const Host_options options = plugin_options();
-  auto library = Plugin_library::load(options, error);
-  ASSERT_TRUE(library) << error;
-  Manager_ptr manager(library->create_manager(options, error));
-  ASSERT_TRUE(manager) << error;
+  Plugins plugins;
   for (const auto& c : cases) {
-    Message_tree tree(*manager, c.in, options);
+    Message_tree tree(plugins.managers, c.in, plugins.options);
     Evaluation evaluation = evaluate(*policy, tree);
     EXPECT_EQ(evaluation.verdict_text(), c.want_verdict) << c.name;
     EXPECT_NE(evaluation.error.find(c.want_error), std::string::npos) << c.name << ": " << evaluation.error;
     EXPECT_EQ(evaluation.rewritten, *c.want_in_output != '\0') << c.name;
     if (!evaluation.rewritten) continue;
+    EXPECT_NE(evaluation.message.find(c.want_written), std::string::npos) << c.name << ": " << evaluation.message;
     // Read again, the message has the notice and the body, and the
     // attachment's bytes no more.
-    Message_tree again(*manager, evaluation.message, options);
+    Message_tree again(plugins.managers, evaluation.message, plugins.options);
     std::string leaves;
     again.for_each([&](Item_node& node) {
       if (node.is_leaf()) leaves += std::string(node.bytes()) + "|";
@@ -106,14 +118,11 @@ TEST(Evaluate, VerdictRulesAndWhatPassesOn) {
 
 TEST(Evaluate, ItemFactsComeFromThePartAndItsContent) {
   std::string error;
-  const Host_options options = plugin_options();
-  auto library = Plugin_library::load(options, error);
-  ASSERT_TRUE(library) << error;
-  Manager_ptr manager(library->create_manager(options, error));
-  ASSERT_TRUE(manager) << error;
+  Plugins plugins;
   auto policy = Policy::parse("", "p.toml", error);
-  Message_tree tree(*manager, with_attachment("Application/X-MSDownload; name=a.txt", "attachment; filename=b.exe"),
-                    options);
+  Message_tree tree(plugins.managers,
+                    with_attachment("Application/X-MSDownload; name=a.txt", "attachment; filename=b.exe"),
+                    plugins.options);
   Evaluation evaluation = evaluate(*policy, tree);
   // The plug-in gives the main body last.
   ASSERT_EQ(evaluation.items.size(), 2u);

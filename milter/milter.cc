@@ -33,55 +33,55 @@ constexpr size_t body_piece = 65535;
 // How long a stopping daemon waits for the messages under way.
 constexpr auto stop_grace = std::chrono::seconds(30);
 
-// The managers of the plug-in, one per worker: a message takes one for
-// the time it is taken apart and gives it back.
+// The format managers of the plug-ins (smtp.so's and uue.so's), a set per
+// worker: a message takes a set for the time it is taken apart and gives
+// it back.
 class Manager_pool {
  public:
-  bool start(Plugin_library& library, const Host_options& options, unsigned count, std::string& error) {
+  bool start(Host_plugins& plugins, const Host_options& options, unsigned count, std::string& error) {
     for (unsigned i = 0; i < count; ++i) {
-      Manager_ptr manager(library.create_manager(options, error));
-      if (!manager) return false;
-      free_.push_back(manager.get());
-      all_.push_back(std::move(manager));
+      auto managers = std::make_unique<Format_managers>();
+      if (!plugins.create_managers(options, *managers, error)) return false;
+      free_.push_back(managers.get());
+      all_.push_back(std::move(managers));
     }
     return true;
   }
-  Fmg_manager_base& take() {
+  const Format_managers& take() {
     std::unique_lock lock(mutex_);
     ready_.wait(lock, [&] { return !free_.empty(); });
-    Fmg_manager_base* manager = free_.back();
+    const Format_managers* managers = free_.back();
     free_.pop_back();
-    return *manager;
+    return *managers;
   }
-  void give(Fmg_manager_base& manager) {
+  void give(const Format_managers& managers) {
     {
       std::lock_guard lock(mutex_);
-      free_.push_back(&manager);
+      free_.push_back(&managers);
     }
     ready_.notify_one();
   }
-  void clear() { all_.clear(); }
 
  private:
   std::mutex mutex_;
   std::condition_variable ready_;
-  std::vector<Fmg_manager_base*> free_;
-  std::vector<Manager_ptr> all_;
+  std::vector<const Format_managers*> free_;
+  std::vector<std::unique_ptr<Format_managers>> all_;
 };
 
 struct Lease {
-  explicit Lease(Manager_pool& pool) : pool(pool), manager(pool.take()) {}
-  ~Lease() { pool.give(manager); }
+  explicit Lease(Manager_pool& pool) : pool(pool), managers(pool.take()) {}
+  ~Lease() { pool.give(managers); }
   Manager_pool& pool;
-  Fmg_manager_base& manager;
+  const Format_managers& managers;
 };
 
 // The daemon's state, shared by libmilter's threads.
 struct Daemon {
   Host_options host;
   Milter_options options;
-  std::unique_ptr<Plugin_library> library;
-  Manager_pool pool;
+  std::unique_ptr<Host_plugins> plugins;
+  Manager_pool pool;  // released before the plug-ins unload
   std::mutex policy_mutex;
   std::shared_ptr<const Policy> policy;
   std::mutex log_mutex;
@@ -424,7 +424,7 @@ sfsistat end_of_message(SMFICTX* ctx) {
     } else {
       Message_view view(message);
       Lease lease(daemon_state->pool);
-      Message_tree tree(lease.manager, Message_tree::Borrowed{}, view.bytes(), daemon_state->host);
+      Message_tree tree(lease.managers, Message_tree::Borrowed{}, view.bytes(), daemon_state->host);
       evaluation = evaluate(*policy, tree);
     }
   } catch (const std::exception& e) {
@@ -507,8 +507,8 @@ int run_milter(const Host_options& host_options, const Milter_options& options) 
     return EX_CONFIG;
   }
   daemon.policy = std::make_shared<const Policy>(std::move(*policy));
-  daemon.library = Plugin_library::load(host_options, error);
-  if (!daemon.library || !daemon.pool.start(*daemon.library, host_options, options.workers, error)) {
+  daemon.plugins = Host_plugins::load(host_options, error);
+  if (!daemon.plugins || !daemon.pool.start(*daemon.plugins, host_options, options.workers, error)) {
     std::cerr << "smtpfm: " << error << '\n';
     return EX_SOFTWARE;
   }
