@@ -82,14 +82,16 @@ Policy load_policy(const std::string& path, int code) {
 }
 
 // The policy applied to `bytes`; a plug-in call that throws is a message
-// that cannot be read.
+// that cannot be read. What passes on keeps the line ends it came with: an
+// unchanged message is the bytes as given, a rewritten one has its bare LF
+// line ends back where the message had only those.
 Evaluation evaluate_bytes(const Policy& policy, Plugin& plugin, const Host_options& options, std::string bytes,
                           std::string& passed_on) {
   try {
     Message_tree tree(plugin.managers, std::move(bytes), options);
     Evaluation evaluation = evaluate(policy, tree);
     if (evaluation.passes()) {
-      passed_on = with_verdict_header(evaluation.rewritten ? std::string_view(evaluation.message) : tree.input(),
+      passed_on = with_verdict_header(evaluation.rewritten ? std::string_view(evaluation.message) : tree.original(),
                                       policy.verdict_header, evaluation.verdict_text());
     }
     return evaluation;
@@ -169,15 +171,6 @@ void run_check(const Host_options& options, const std::string& policy_path, cons
   }
 }
 
-// CR LF line ends made bare LF again.
-std::string with_bare_lf(std::string message) {
-  std::string out;
-  out.reserve(message.size());
-  for (size_t i = 0; i < message.size(); ++i)
-    if (!(message[i] == '\r' && i + 1 < message.size() && message[i + 1] == '\n')) out += message[i];
-  return out;
-}
-
 // Every failure of our own is a temporary one: the mail server keeps the
 // message and tries again.
 void run_filter(const Host_options& options, const std::string& policy_path) {
@@ -185,16 +178,12 @@ void run_filter(const Host_options& options, const std::string& policy_path) {
   Plugin plugin(options, EX_TEMPFAIL);
   std::string bytes, passed_on;
   if (!read_bytes("-", bytes)) fail("standard input: cannot read", EX_TEMPFAIL);
-  // Mail from a pipe mostly comes with bare LF line ends; only then is the
-  // output given back with them.
-  const bool lf_only = bytes.find("\r\n") == std::string::npos;
   Evaluation evaluation = evaluate_bytes(policy, plugin, options, std::move(bytes), passed_on);
   if (!evaluation.error.empty()) std::cerr << "smtpfm: on-error: " << evaluation.error << '\n';
   if (!evaluation.passes()) {
     std::cerr << reply_text(evaluation.outcome) << '\n';
     throw CLI::RuntimeError(evaluation.outcome.exit_code);
   }
-  if (lf_only) passed_on = with_bare_lf(std::move(passed_on));
   if (!write_all(1, passed_on)) fail("standard output: cannot write", EX_TEMPFAIL);
 }
 

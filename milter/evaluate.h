@@ -27,7 +27,9 @@ struct Evaluation {
   std::vector<std::string> rules;  // the names of the rules that matched, in item order, once each
   std::string error;          // not empty: the message could not be read and on-error decided
   bool rewritten = false;     // the passed-on message differs from the input (besides the verdict header)
-  std::string message;        // what passes on, without the verdict header; empty for refusals
+  // When rewritten: what passes on, without the verdict header, as
+  // Message_tree::rebuild writes it (with the message's bare LF line ends).
+  std::string message;
 
   // The verdict header's value: "disarm; rules=exe,scripts", "accept; error".
   std::string verdict_text() const;

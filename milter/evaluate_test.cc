@@ -146,6 +146,8 @@ TEST(Evaluate, VerdictHeaderReplacesForgedOnes) {
        "X-Smtpfm-Verdict: v\r\nA: 1\r\nB: 2\r\n\r\nX-Smtpfm-Verdict: body\r\n"},
       {"X-Smtpfm-Verdict-2: kept\r\n\r\n", "X-Smtpfm-Verdict: v\r\nX-Smtpfm-Verdict-2: kept\r\n\r\n"},
       {"", "X-Smtpfm-Verdict: v\r\n"},
+      // Mail from a pipe with bare LF line ends keeps them.
+      {"A: 1\nX-Smtpfm-Verdict: x\n\nbody\n", "X-Smtpfm-Verdict: v\nA: 1\n\nbody\n"},
   };
   for (const auto& c : cases) EXPECT_EQ(with_verdict_header(c.in, "X-Smtpfm-Verdict", "v"), c.want) << c.in;
 }
