@@ -5,6 +5,7 @@
 
 #include "contracts/zor.h"
 #include "host/disarm.h"
+#include "host/names.h"
 #include "host/report.h"
 
 namespace {
@@ -86,11 +87,13 @@ Item_facts item_facts(const Item_node& node) {
     if (at->item->has_log(log_signed)) facts.is_signed = true;
     if (!in_part) continue;
     if (at->item->has_log(log_encrypted)) facts.encrypted = true;
+    // Names as the host shows them: encoded words decoded, raw UTF-8 read
+    // as UTF-8.
     if (facts.names.empty() && has_property(*at, ZOR_ITEM_NAME)) {
-      facts.names.push_back(property_of(*at, ZOR_ITEM_NAME));
+      facts.names.push_back(readable_text(at->item->string_property(ZOR_ITEM_NAME)));
       for (const auto& property : at->item->properties())
         if (std::u16string_view(property.name()).starts_with(alternate_name))
-          facts.names.push_back(property_text(property));
+          facts.names.push_back(readable_text(property.string_value()));
     }
     if (facts.mime_type.empty()) {
       if (has_property(*at, ZOR_MIME_TYPE))
