@@ -74,10 +74,6 @@ TEST(Evaluate, VerdictRulesAndWhatPassesOn) {
        "disarm; rules=exe,text", "", "removed by exe: setup.exe",
        "--b\r\nContent-Type: text/plain; charset=us-ascii; name=\"setup.exe.txt\"\r\n"
        "Content-Disposition: attachment; filename=\"setup.exe.txt\"\r\n"},
-      // uue.so opens the file uuencoded in the text, so the rules see its name.
-      {"exe uuencoded in the text",
-       "From: a@example.org\r\nSubject: s\r\n\r\nHello there\r\nbegin 644 evil.exe\r\n#04)#\r\n`\r\nend\r\n",
-       "disarm; rules=exe", "", "removed by exe: evil.exe", "begin 644 evil.exe.txt\r\n"},
       {"refusal wins", with_attachment("application/javascript", "attachment; filename=x.js"),
        "reject; rules=scripts,text", "", ""},
       {"encrypted", with_attachment("application/pkcs7-mime; smime-type=enveloped-data", "attachment; filename=m.p7m"),
