@@ -245,8 +245,9 @@ bool disarm_item(Message_tree& tree, Item_node& node, const std::string& notice,
     return tree.replace(node, notice + "\r\n", error) && tree.reopen(node, error);
   }
   Item_node& entity = entity_of(node);
-  if (&entity == &node && node.item->string_property(ZOR_ENCLOSED_MIME_TYPE).empty()) {
-    // A raw item of a handler: the notice stands in its place as text.
+  if (&entity == &node && node.parent != nullptr && node.item->string_property(ZOR_ENCLOSED_MIME_TYPE).empty()) {
+    // A raw item of a handler: the notice stands in its place as text. (The
+    // top, a message encrypted whole, is an entity: its content goes.)
     return tree.replace(node, notice + "\r\n", error) && tree.reopen(node, error);
   }
   if (entity.parent != nullptr && !tree.can_replace(entity, error)) return false;

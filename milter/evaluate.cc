@@ -34,9 +34,11 @@ std::string lowered(std::string text) {
 // Which nodes the rules are asked about: the content of an entity (it has
 // a MIME type of its own) and every leaf. A part that only wraps its
 // content lends it its item type and is not asked itself, so that one
-// attachment is one decision.
+// attachment is one decision. A message encrypted whole holds no items:
+// it is asked about itself.
 bool is_decided(const Item_node& node) {
-  return node.parent != nullptr && (node.is_leaf() || has_property(node, ZOR_MIME_TYPE));
+  if (node.parent == nullptr) return node.item->has_log(log_encrypted);
+  return node.is_leaf() || has_property(node, ZOR_MIME_TYPE);
 }
 
 // The notice that stands in for an item, with {rule} and {name} filled in;
@@ -75,15 +77,16 @@ std::string read_failure(Message_tree& tree) {
 
 }  // namespace
 
-Item_facts item_facts(const Item_node& node) {
+Item_facts item_facts(const Message_tree& tree, const Item_node& node) {
   Item_facts facts;
   facts.depth = node.depth;
   facts.size = node.bytes().size();
   facts.depth_limited = node.depth_limited;
   // The node and the nodes above it up to the part that holds it: the
-  // part carries the item type and the type its content was sent as.
+  // part carries the item type and the type its content was sent as. The
+  // message above is no part (a message encrypted whole is its own item).
   bool in_part = true;
-  for (const Item_node* at = &node; at != nullptr && at->parent != nullptr; at = at->parent) {
+  for (const Item_node* at = &node; at != nullptr && (at == &node || at->parent != nullptr); at = at->parent) {
     if (at->item->has_log(log_signed)) facts.is_signed = true;
     if (!in_part) continue;
     if (at->item->has_log(log_encrypted)) facts.encrypted = true;
@@ -107,6 +110,12 @@ Item_facts item_facts(const Item_node& node) {
       facts.item_type = type == "AttachmentItem" ? "attachment" : type == "BodyItem" ? "body" : "header";
       in_part = false;
     }
+  }
+  // An entity that was not opened (encrypted, past the depth bound) names
+  // its content in its header only: the name a client shows.
+  if (facts.names.empty()) {
+    std::string name = attachment_name(tree, node);
+    if (!name.empty()) facts.names.push_back(std::move(name));
   }
   // Reads zero until the plug-in reports the bytes it skipped.
   facts.unexamined = 0;
@@ -145,7 +154,7 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
     if (!is_decided(node)) return;
     Item_decision decision;
     decision.path = node.path;
-    decision.facts = item_facts(node);
+    decision.facts = item_facts(tree, node);
     decision.rule = policy.match(decision.facts);
     if (decision.rule != nullptr) {
       decision.action = decision.rule->outcome.action;

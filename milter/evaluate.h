@@ -37,9 +37,10 @@ struct Evaluation {
   bool passes() const { return outcome.action < Action::tempfail; }
 };
 
-// The facts of one node, read from its properties and those of the nodes
-// above it up to the part that holds it.
-Item_facts item_facts(const Item_node& node);
+// The facts of one node of `tree`, read from its properties and those of
+// the nodes above it up to the part that holds it, and its name from the
+// header of an entity that was not opened.
+Item_facts item_facts(const Message_tree& tree, const Item_node& node);
 
 // Decides what `policy` does with the message in `tree` and, when it
 // passes on, carries out the disarms and writes the message. The tree is

@@ -78,6 +78,14 @@ TEST(Evaluate, VerdictRulesAndWhatPassesOn) {
        "reject; rules=scripts,text", "", ""},
       {"encrypted", with_attachment("application/pkcs7-mime; smime-type=enveloped-data", "attachment; filename=m.p7m"),
        "quarantine; rules=sealed,text", "", ""},
+      // Not opened, it is named in its header only.
+      {"encrypted exe",
+       with_attachment("application/pkcs7-mime; smime-type=enveloped-data", "attachment; filename=setup.exe"),
+       "disarm; rules=exe,text", "", "removed by exe: setup.exe", "name=\"setup.exe.txt\""},
+      {"encrypted whole",
+       "From: a@example.org\r\nMIME-Version: 1.0\r\nContent-Type: application/pkcs7-mime; "
+       "smime-type=enveloped-data\r\nContent-Transfer-Encoding: base64\r\n\r\nQUJD\r\n",
+       "quarantine; rules=sealed", "", ""},
       {"not mail", "X-Junk: \x01\x02\x03\x04\x05\x06\r\n\r\nbody\r\n", "tempfail; error", "not recognised as mail", ""},
       // A signature covers the part: the exe cannot go without breaking it.
       {"disarm refused",
