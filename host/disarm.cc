@@ -5,16 +5,12 @@
 #include "codecs/base64.h"
 #include "contracts/zor.h"
 #include "host/entity.h"
+#include "host/log_codes.h"
 #include "host/names.h"
 #include "platform/vek/registry.h"
 #include "reader/header_reader.h"
 
 namespace {
-
-// The log codes a handler writes on an entity it took.
-constexpr uint32_t log_step_failed = 33;
-constexpr uint32_t log_signed = 35;
-constexpr uint32_t log_encrypted = 36;
 
 // The passes of disarm_message: each strips one level of signatures at
 // least, and a signature inside a signature inside a signature is already

@@ -38,16 +38,6 @@ bool read_all(int fd, size_t expected, std::string& bytes) {
   return true;
 }
 
-bool write_all(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t n = write(fd, bytes.data(), bytes.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    bytes.remove_prefix(static_cast<size_t>(n));
-  }
-  return true;
-}
-
 // Opens `path` with `flags` and writes `bytes` to it; false with errno set
 // on failure.
 bool write_to(const std::string& path, int flags, std::string_view bytes) {
@@ -118,6 +108,20 @@ void write_file(const std::string& given, std::string_view bytes) {
     fs::remove(temporary, error);
     throw Command_failure(given + ": cannot write: " + why);
   }
+}
+
+bool write_all(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t n = write(fd, bytes.data(), bytes.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return false;
+    if (n == 0) {
+      errno = EIO;  // a write that takes nothing would never end
+      return false;
+    }
+    bytes.remove_prefix(static_cast<size_t>(n));
+  }
+  return true;
 }
 
 bool is_standard_output(const std::string& path) {

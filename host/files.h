@@ -26,6 +26,10 @@ std::string read_file(const std::string& path);
 // that a failure leaves the old file or none. Throws Command_failure.
 void write_file(const std::string& path, std::string_view bytes);
 
+// Writes all of `bytes` to `fd`, going on after a signal; false with
+// errno set when a write fails.
+bool write_all(int fd, std::string_view bytes);
+
 // Whether `path` names what standard output is: "-", /dev/stdout, or the
 // file that standard output was sent to. A report that would share it
 // with data goes to standard error instead.

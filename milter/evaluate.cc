@@ -5,14 +5,11 @@
 
 #include "contracts/zor.h"
 #include "host/disarm.h"
+#include "host/log_codes.h"
 #include "host/names.h"
 #include "host/report.h"
 
 namespace {
-
-// The plug-in's log codes on an item's node.
-constexpr uint32_t log_signed = 35;     // an S/MIME or PGP signed entity
-constexpr uint32_t log_encrypted = 36;  // an encrypted entity, not opened
 
 constexpr std::u16string_view alternate_name = u"ItemAlternateName";
 
@@ -23,12 +20,6 @@ std::string property_of(const Item_node& node, const char16_t* name) {
 
 bool has_property(const Item_node& node, const char16_t* name) {
   return node.item->properties().find(name) != nullptr;
-}
-
-std::string lowered(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : static_cast<char>(c); });
-  return text;
 }
 
 // Which nodes the rules are asked about: the content of an entity (it has
@@ -100,10 +91,10 @@ Item_facts item_facts(const Message_tree& tree, const Item_node& node) {
     }
     if (facts.mime_type.empty()) {
       if (has_property(*at, ZOR_MIME_TYPE))
-        facts.mime_type = lowered(property_of(*at, ZOR_MIME_TYPE) + "/" + property_of(*at, ZOR_MIME_SUBTYPE));
+        facts.mime_type = ascii_lowered(property_of(*at, ZOR_MIME_TYPE) + "/" + property_of(*at, ZOR_MIME_SUBTYPE));
       else if (has_property(*at, ZOR_ENCLOSED_MIME_TYPE))
         facts.mime_type =
-            lowered(property_of(*at, ZOR_ENCLOSED_MIME_TYPE) + "/" + property_of(*at, ZOR_ENCLOSED_MIME_SUBTYPE));
+            ascii_lowered(property_of(*at, ZOR_ENCLOSED_MIME_TYPE) + "/" + property_of(*at, ZOR_ENCLOSED_MIME_SUBTYPE));
     }
     const std::string type = property_of(*at, ZOR_ITEM_TYPE);
     if (!type.empty()) {
@@ -220,7 +211,7 @@ std::string with_verdict_header(std::string_view message, const std::string& nam
       size_t colon = line.find(':');
       std::string_view field = colon == std::string_view::npos ? std::string_view() : line.substr(0, colon);
       while (!field.empty() && (field.back() == ' ' || field.back() == '\t')) field.remove_suffix(1);
-      dropping = field.size() == name.size() && lowered(std::string(field)) == lowered(name);
+      dropping = field.size() == name.size() && ascii_lowered(std::string(field)) == ascii_lowered(name);
       if (!dropping) out += line;
     }
     at = end;

@@ -20,6 +20,7 @@
 #include <mutex>
 #include <thread>
 
+#include "host/files.h"
 #include "milter/evaluate.h"
 
 namespace {
@@ -138,21 +139,17 @@ struct Message {
         return;
       }
       unlink(path.c_str());
-      write_all(bytes);
+      spill_bytes(bytes);
       std::string().swap(bytes);
     }
     if (spill >= 0)
-      write_all(data);
+      spill_bytes(data);
     else
       bytes.append(data);
   }
-  void write_all(std::string_view data) {
-    while (!data.empty() && failure.empty()) {
-      ssize_t n = write(spill, data.data(), data.size());
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) failure = std::string("cannot write the spilled message: ") + std::strerror(errno);
-      else data.remove_prefix(static_cast<size_t>(n));
-    }
+  void spill_bytes(std::string_view data) {
+    if (failure.empty() && !write_all(spill, data))
+      failure = std::string("cannot write the spilled message: ") + std::strerror(errno);
   }
 };
 
@@ -170,17 +167,6 @@ Connection* connection_of(SMFICTX* ctx) {
     smfi_setpriv(ctx, connection);
   }
   return connection;
-}
-
-// Line ends inside a folded value come as LF or CR LF; the message is
-// written with CR LF.
-std::string canonical_value(const char* value) {
-  std::string out;
-  for (const char* at = value; *at != '\0'; ++at) {
-    if (*at == '\n' && (at == value || at[-1] != '\r')) out += '\r';
-    out += *at;
-  }
-  return out;
 }
 
 // A memory view of the message: the string, or the spilled file mapped.
@@ -233,13 +219,6 @@ void split_message(std::string_view message, std::vector<std::pair<std::string, 
 
 bool same_name(const std::string& a, const std::string& b) { return strcasecmp(a.c_str(), b.c_str()) == 0; }
 
-std::string with_lf(std::string value) {
-  std::string out;
-  for (size_t i = 0; i < value.size(); ++i)
-    if (!(value[i] == '\r' && i + 1 < value.size() && value[i + 1] == '\n')) out += value[i];
-  return out;
-}
-
 // The mail server's copy of the header made equal to `rebuilt`, field
 // name by field name: changed values changed, missing ones deleted (last
 // first, so that the indexes stay), new ones added.
@@ -253,9 +232,9 @@ bool send_header_changes(SMFICTX* ctx, const std::vector<std::pair<std::string, 
   for (const auto& name : names) {
     std::vector<std::string> old_values, new_values;
     for (const auto& [n, v] : before)
-      if (same_name(n, name)) old_values.push_back(with_lf(v));
+      if (same_name(n, name)) old_values.push_back(bare_line_ends(v));
     for (const auto& [n, v] : after)
-      if (same_name(n, name)) new_values.push_back(with_lf(v));
+      if (same_name(n, name)) new_values.push_back(bare_line_ends(v));
     auto value_for = [&](std::string v) {
       if (lead_space) return v;
       size_t skip = v.find_first_not_of(' ');
@@ -377,7 +356,9 @@ sfsistat on_header(SMFICTX* ctx, char* name, char* value) {
   if (connection == nullptr || connection->message == nullptr) return SMFIS_TEMPFAIL;
   Message& message = *connection->message;
   try {
-    std::string text = canonical_value(value);
+    // Line ends inside a folded value come as LF or CR LF; the message is
+    // written with CR LF.
+    std::string text = make_canonical(value);
     message.fields.emplace_back(name, text);
     message.append(name);
     message.append(connection->lead_space ? ":" : ": ");
