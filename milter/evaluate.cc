@@ -33,12 +33,11 @@ bool is_decided(const Item_node& node) {
 }
 
 // The notice that stands in for an item, with {rule} and {name} filled in;
-// a name is the sender's text and loses its control characters. The
-// notice's line end is the disarm's to add.
+// a name is the sender's text and loses its controls and bidirectional
+// controls. The notice's line end is the disarm's to add.
 std::string notice_text(const std::string& pattern, const Item_decision& decision) {
-  std::string name = decision.facts.names.empty() ? std::string("(no name)") : decision.facts.names.front();
-  for (char& c : name)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '_';
+  const std::string name =
+      decision.facts.names.empty() ? std::string("(no name)") : without_hazards(decision.facts.names.front());
   std::string out;
   for (size_t i = 0; i < pattern.size(); ++i) {
     if (pattern.compare(i, 6, "{rule}") == 0) {
