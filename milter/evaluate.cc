@@ -102,8 +102,9 @@ Item_facts item_facts(const Message_tree& tree, const Item_node& node) {
     }
   }
   // An entity that was not opened (encrypted, past the depth bound) names
-  // its content in its header only: the name a client shows.
-  if (facts.names.empty()) {
+  // its content in its header only: the name a client shows. (Content that
+  // was opened has its names published.)
+  if (facts.names.empty() && node.is_leaf() && !has_property(node, ZOR_MIME_TYPE)) {
     std::string name = attachment_name(tree, node);
     if (!name.empty()) facts.names.push_back(std::move(name));
   }
