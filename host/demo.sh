@@ -24,6 +24,26 @@ echo
 echo "== smtpfm tree samples/hostile/two-gifs.eml samples/hostile/control-name.eml samples/hostile/not-mail.eml"
 "$bin/smtpfm" tree samples/hostile/two-gifs.eml samples/hostile/control-name.eml samples/hostile/not-mail.eml
 echo
+cat > "$out/policy.toml" <<'EOF'
+# An attachment policy: the first rule that matches an item decides it.
+[[rule]]
+name = "executables"
+file-name = ["*.exe", "*.scr", "*.js"]
+action = "reject"
+text = "Executable attachments are not accepted here"
+
+[[rule]]
+name = "spreadsheets"
+file-name = ["*.csv", "*.xls*"]
+action = "disarm"
+EOF
+echo "== $out/policy.toml"
+cat "$out/policy.toml"
+echo
+echo "== smtpfm check --policy $out/policy.toml ... (what check, filter and the milter do with each message, and why)"
+"$bin/smtpfm" check --policy "$out/policy.toml" samples/mime-attachment.eml samples/plain-uuencoded.eml \
+  samples/hostile/single-part-exe.eml
+echo
 echo "== smtpfm rebuild samples/damaged.eml -o $out/damaged.rebuilt.eml (repaired Content-Type values, a closing delimiter)"
 "$bin/smtpfm" rebuild samples/damaged.eml -o "$out/damaged.rebuilt.eml"
 diff --strip-trailing-cr samples/damaged.eml "$out/damaged.rebuilt.eml" || true

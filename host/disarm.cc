@@ -5,16 +5,12 @@
 #include "codecs/base64.h"
 #include "contracts/zor.h"
 #include "host/entity.h"
+#include "host/log_codes.h"
 #include "host/names.h"
 #include "platform/vek/registry.h"
 #include "reader/header_reader.h"
 
 namespace {
-
-// The log codes a handler writes on an entity it took.
-constexpr uint32_t log_step_failed = 33;
-constexpr uint32_t log_signed = 35;
-constexpr uint32_t log_encrypted = 36;
 
 // The passes of disarm_message: each strips one level of signatures at
 // least, and a signature inside a signature inside a signature is already
@@ -245,8 +241,9 @@ bool disarm_item(Message_tree& tree, Item_node& node, const std::string& notice,
     return tree.replace(node, notice + "\r\n", error) && tree.reopen(node, error);
   }
   Item_node& entity = entity_of(node);
-  if (&entity == &node && node.item->string_property(ZOR_ENCLOSED_MIME_TYPE).empty()) {
-    // A raw item of a handler: the notice stands in its place as text.
+  if (&entity == &node && node.parent != nullptr && node.item->string_property(ZOR_ENCLOSED_MIME_TYPE).empty()) {
+    // A raw item of a handler: the notice stands in its place as text. (The
+    // top, a message encrypted whole, is an entity: its content goes.)
     return tree.replace(node, notice + "\r\n", error) && tree.reopen(node, error);
   }
   if (entity.parent != nullptr && !tree.can_replace(entity, error)) return false;

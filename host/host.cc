@@ -253,6 +253,14 @@ Message_tree::Message_tree(Fmg_manager_base& manager, std::string bytes, const H
   start();
 }
 
+Message_tree::Message_tree(const Format_managers& managers, Borrowed, std::string_view bytes,
+                           const Host_options& options)
+    : explain_(managers.explain), options_(options) {
+  for (const auto& manager : managers.managers) managers_.push_back(manager.get());
+  take_input(bytes);
+  start();
+}
+
 Message_tree::Message_tree(Fmg_manager_base& manager, Borrowed, std::string_view bytes, const Host_options& options)
     : managers_{&manager}, options_(options) {
   take_input(bytes);

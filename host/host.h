@@ -156,6 +156,7 @@ class Message_tree {
   // canonical they are read where they are, without a copy, and must
   // remain live and unchanged while the tree lives.
   struct Borrowed {};
+  Message_tree(const Format_managers& managers, Borrowed, std::string_view bytes, const Host_options& options);
   Message_tree(Fmg_manager_base& manager, Borrowed, std::string_view bytes, const Host_options& options);
   ~Message_tree();
   Message_tree(const Message_tree&) = delete;

@@ -11,10 +11,10 @@ struct Name {
 };
 
 constexpr Name log_codes[] = {
-    {32, "taken"},
-    {33, "a step failed"},
-    {35, "signed"},
-    {36, "encrypted"},
+    {log_taken, "taken"},
+    {log_step_failed, "a step failed"},
+    {log_signed, "signed"},
+    {log_encrypted, "encrypted"},
 };
 
 constexpr Name status_codes[] = {

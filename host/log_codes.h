@@ -7,6 +7,12 @@
 #include <cstdint>
 #include <string>
 
+// The codes the plug-in logs on an item (contracts/fmg_item.h).
+inline constexpr uint32_t log_taken = 32;        // a format manager took the item
+inline constexpr uint32_t log_step_failed = 33;  // a step of opening failed; the status says which
+inline constexpr uint32_t log_signed = 35;       // an S/MIME or PGP signed entity
+inline constexpr uint32_t log_encrypted = 36;    // an encrypted entity, not opened
+
 // "taken", "a step failed", "signed", "encrypted"; null for a code the
 // plug-in does not write.
 const char* log_code_name(uint32_t code);

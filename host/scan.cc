@@ -1,6 +1,5 @@
 #include "host/scan.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,6 +17,7 @@
 #include <thread>
 
 #include "contracts/zor.h"
+#include "host/files.h"
 #include "host/names.h"
 #include "host/report.h"
 
@@ -242,15 +242,6 @@ class Ordered_writer {
 
 // Messages that may wait to be written in order, per worker.
 constexpr size_t ordered_window_per_job = 64;
-
-// Whether `path` names what standard output is: "-", /dev/stdout, or the
-// file that standard output was sent to.
-bool is_standard_output(const std::string& path) {
-  if (path == "-") return true;
-  struct stat out_stat, path_stat;
-  return fstat(STDOUT_FILENO, &out_stat) == 0 && stat(path.c_str(), &path_stat) == 0 &&
-         out_stat.st_dev == path_stat.st_dev && out_stat.st_ino == path_stat.st_ino;
-}
 
 // An output named on the command line: standard output for "-", else the
 // file, opened anew.

@@ -5,14 +5,14 @@
 // and rewrites what the plug-ins find. The plug-in reads bare LF line ends
 // as CR LF; what is written keeps the line ends the input had.
 #include <CLI/CLI.hpp>
-#include <cstdio>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <sstream>
 
 #include "contracts/zor.h"
+#include "host/command.h"
 #include "host/disarm.h"
+#include "host/files.h"
 #include "host/host.h"
 #include "host/names.h"
 #include "host/report.h"
@@ -25,11 +25,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A failure that ends the command with one line on stderr.
-struct Failure : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
 // The exit status of disarm when attachments remain in the message.
 constexpr int exit_attachments_remain = 2;
 
@@ -38,116 +33,8 @@ void report(const std::exception& failure) {
   std::cerr << "smtpfm: " << escaped_for_terminal(failure.what()) << '\n';
 }
 
-// "-" is standard input.
-std::string read_file(const std::string& path) {
-  std::ostringstream bytes;
-  if (path == "-") {
-    bytes << std::cin.rdbuf();
-    if (std::cin.bad()) throw Failure("standard input: cannot read");
-    return bytes.str();
-  }
-  std::error_code error;
-  if (fs::is_directory(path, error)) throw Failure(path + ": is a folder, not a message");
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw Failure(path + ": cannot open: " + std::strerror(errno));
-  bytes << in.rdbuf();
-  if (in.bad()) throw Failure(path + ": cannot read");
-  return bytes.str();
-}
-
-// Writes `bytes` where a Unix tool would: "-" is standard output; a path
-// that exists and is no regular file (a terminal, a pipe, /dev/stdout) is
-// written in place; a symbolic link is written through, never replaced.
-// Only a regular file (or a new one) is replaced through a temporary file
-// beside it, so that a failure leaves the old file or no file.
-void write_file(const std::string& given, std::string_view bytes) {
-  if (given == "-") {
-    std::cout.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    std::cout.flush();
-    if (!std::cout) throw Failure("standard output: cannot write");
-    return;
-  }
-  std::error_code error;
-  const fs::file_status status = fs::status(given, error);  // through links
-  if (fs::exists(status) && !fs::is_regular_file(status)) {
-    if (fs::is_directory(status)) throw Failure(given + ": is a folder");
-    std::ofstream out(given, std::ios::binary);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    out.flush();
-    if (!out) throw Failure(given + ": cannot write: " + std::strerror(errno));
-    return;
-  }
-  // Follow links by hand: a link may name a file that does not exist yet.
-  fs::path path = given;
-  for (int hops = 0; fs::is_symlink(fs::symlink_status(path, error)); ++hops) {
-    fs::path target = fs::read_symlink(path, error);
-    if (error || hops == 40) throw Failure(given + ": cannot follow the link");
-    path = target.is_absolute() ? target : path.parent_path() / target;
-  }
-  std::string temporary = path.string() + ".smtpfm-tmp";
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    if (!out) throw Failure(given + ": cannot write: " + std::strerror(errno));
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    out.flush();
-    if (!out) {
-      out.close();
-      fs::remove(temporary);
-      throw Failure(given + ": cannot write");
-    }
-  }
-  error.clear();
-  fs::rename(temporary, path, error);
-  if (error) {
-    fs::remove(temporary);
-    throw Failure(given + ": cannot write: " + error.message());
-  }
-}
-
-// The loaded plug-ins with a manager of each, for the commands that read
-// messages one by one.
-struct Session {
-  explicit Session(const Host_options& options) : options(options) {
-    std::string error;
-    if (!options.policy.empty()) {
-      error = policy_problem(options.policy);
-      if (!error.empty()) throw Failure("--policy: " + error);
-    }
-    plugins = Host_plugins::load(options, error);
-    if (!plugins) throw Failure(error);
-    if (!plugins->create_managers(options, managers, error)) throw Failure(error);
-  }
-  std::unique_ptr<Message_tree> open(const std::string& file) {
-    return std::make_unique<Message_tree>(managers, read_file(file), options);
-  }
-  Host_options options;
-  std::unique_ptr<Host_plugins> plugins;
-  Format_managers managers;  // released before the plug-ins unload
-};
-
-void add_host_options(CLI::App* command, Host_options& options) {
-  command->add_option("--module", options.module_path, "The plug-in to load (default: smtp.so beside smtpfm)");
-  command->add_option("--registry", options.registry, "Find the plug-in through the registry in this folder");
-  // One name per --export-header (or several, separated by commas), so
-  // that the option never takes the message's file name.
-  command->add_option("--export-header", options.export_headers, "Give this header field as a sub-item")
-      ->allow_extra_args(false)
-      ->delimiter(',');
-  command->add_flag("--add-body", options.add_body, "Add an empty text body to a message that has none");
-  command->add_option("--policy", options.policy,
-                      "The formats the managers may open, separated by commas: SMTP (mail), UUE (uuencoded "
-                      "files); an item of another format is listed, not opened");
-  command->add_flag("--strict{false},--hardened{true}", options.hardened,
-                    "--strict: the reference reading, which mail shaped to hide content can slip past; "
-                    "--hardened (default): every reading a mail client takes");
-  command->add_flag("--keep-line-ends", options.keep_line_ends,
-                    "Hand the plug-in bare LF line ends as they are, instead of reading them as CR LF");
-  command->add_flag("--no-uuencode{false}", options.uuencode, "Do not load uue.so, the uuencode format manager");
-  command->add_option("--max-depth", options.max_depth, "Open items down to this depth (default 64)");
-}
-
 int run_tree(const Host_options& options, const std::vector<std::string>& files, bool json) {
-  Session session(options);
+  Host_session session(options);
   bool failed = false;
   for (const auto& file : files) {
     try {
@@ -157,7 +44,7 @@ int run_tree(const Host_options& options, const std::vector<std::string>& files,
       else
         std::cout << tree_text(*tree, file);
       std::cout.flush();
-    } catch (const Failure& failure) {
+    } catch (const Command_failure& failure) {
       report(failure);
       failed = true;
     }
@@ -171,7 +58,7 @@ int run_tree(const Host_options& options, const std::vector<std::string>& files,
 void prepare_folder(const fs::path& folder) {
   std::error_code error;
   fs::create_directories(folder, error);
-  if (error) throw Failure(folder.string() + ": cannot create: " + error.message());
+  if (error) throw Command_failure(folder.string() + ": cannot create: " + error.message());
   const fs::path manifest = folder / "manifest.json";
   if (fs::exists(manifest, error)) {
     Json earlier = Json::parse(read_file(manifest.string()), nullptr, false);
@@ -185,7 +72,7 @@ void prepare_folder(const fs::path& folder) {
     fs::remove(manifest, error);
   }
   if (!fs::is_empty(folder, error))
-    throw Failure(folder.string() + ": holds files that no earlier extract wrote; give an empty folder");
+    throw Command_failure(folder.string() + ": holds files that no earlier extract wrote; give an empty folder");
 }
 
 // An exported header field reaches the host as UTF-16 text; on disk it is
@@ -198,7 +85,7 @@ std::string file_bytes(const Message_tree& tree, const Item_node& node) {
   return readable_text(text);
 }
 
-void extract_one(Session& session, const std::string& file, const fs::path& folder) {
+void extract_one(const Host_session& session, const std::string& file, const fs::path& folder) {
   auto tree = session.open(file);
   prepare_folder(folder);
   Json items = Json::array();
@@ -224,7 +111,7 @@ void extract_one(Session& session, const std::string& file, const fs::path& fold
 
 // One message into the folder; several each into a folder of its own in it.
 int run_extract(const Host_options& options, const std::vector<std::string>& files, const std::string& folder) {
-  Session session(options);
+  Host_session session(options);
   bool failed = false;
   for (size_t i = 0; i < files.size(); ++i) {
     fs::path target = folder;
@@ -247,25 +134,25 @@ void rebuild_into(Message_tree& tree, const std::string& out) {
     return;
   }
   std::string bytes, error;
-  if (!tree.rebuild(bytes, error)) throw Failure(error);
+  if (!tree.rebuild(bytes, error)) throw Command_failure(error);
   write_file(out, bytes);
 }
 
 int run_replace(const Host_options& options, const std::string& file, const std::string& path,
                 const std::string& with, const std::string& out) {
-  Session session(options);
+  Host_session session(options);
   auto tree = session.open(file);
   std::string replacement = read_file(with);
   Item_node* node = tree->find(path);
-  if (node == nullptr) throw Failure(file + ": no item " + (path.empty() ? "\"\"" : path));
+  if (node == nullptr) throw Command_failure(file + ": no item " + (path.empty() ? "\"\"" : path));
   std::string error;
-  if (!tree->replace(*node, std::move(replacement), error)) throw Failure(error);
+  if (!tree->replace(*node, std::move(replacement), error)) throw Command_failure(error);
   rebuild_into(*tree, out);
   return 0;
 }
 
 int run_rebuild(const Host_options& options, const std::string& file, const std::string& out) {
-  Session session(options);
+  Host_session session(options);
   auto tree = session.open(file);
   rebuild_into(*tree, out);
   return 0;
@@ -273,9 +160,9 @@ int run_rebuild(const Host_options& options, const std::string& file, const std:
 
 // What a disarmed message still holds after it is written: every item a
 // client would offer that is no notice and was not kept by choice.
-void check_written(Session& session, const std::string& bytes, const Disarm_options& choices,
+void check_written(const Host_session& session, const std::string& bytes, const Disarm_options& choices,
                    Disarm_result& result) {
-  Message_tree written(session.managers, bytes, session.options);
+  Message_tree written(session.managers(), bytes, session.options());
   written.for_each([&](Item_node& node) {
     const bool offered = offered_as_attachment(node) && !is_notice(node, choices.notice);
     if (!offered && unexamined_content(node).empty()) return;
@@ -288,7 +175,7 @@ void check_written(Session& session, const std::string& bytes, const Disarm_opti
 
 int run_disarm(const Host_options& options, const std::string& file, const std::string& out,
                const Disarm_options& choices, bool json) {
-  Session session(options);
+  Host_session session(options);
   auto tree = session.open(file);
   Disarm_result result = disarm_message(*tree, choices);
   std::string bytes, error;
@@ -302,7 +189,7 @@ int run_disarm(const Host_options& options, const std::string& file, const std::
   const size_t remaining = result.count("remains") + (result.taken ? 0 : 1);
   if (remaining == 0) write_file(out, bytes);
 
-  std::ostream& says = out == "-" ? std::cerr : std::cout;
+  std::ostream& says = is_standard_output(out) ? std::cerr : std::cout;
   if (json) {
     Json items = Json::array();
     for (const auto& item : result.items)
@@ -343,13 +230,13 @@ int run_register(const Host_options& options, bool remove) {
   if (!options.registry.empty()) vek_set_registry_root(options.registry);
   std::string error, registered;
   if (remove && !registered_module(registered))
-    throw Failure("nothing to withdraw: no SMTP element is registered in " + vek_registry_root());
+    throw Command_failure("nothing to withdraw: no SMTP element is registered in " + vek_registry_root());
   auto library = Plugin_library::load(load, error);
-  if (!library) throw Failure(error);
+  if (!library) throw Command_failure(error);
   const char* name = remove ? "plg_deregister_elements" : "plg_register_elements";
   auto function = library->module().function<bool (*)()>(name);
-  if (function == nullptr) throw Failure(library->path() + ": has no " + name);
-  if (!function()) throw Failure(std::string(remove ? "deregistration" : "registration") + " failed in " +
+  if (function == nullptr) throw Command_failure(library->path() + ": has no " + name);
+  if (!function()) throw Command_failure(std::string(remove ? "deregistration" : "registration") + " failed in " +
                                  vek_registry_root());
   std::cout << (remove ? "deregistered " : "registered ") << library->path() << " in " << vek_registry_root()
             << '\n';

@@ -1,17 +1,12 @@
 #include "milter/commands.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sysexits.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-
-#include <cstring>
-#include <fstream>
 #include <iostream>
 
+#include "host/command.h"
+#include "host/files.h"
+#include "host/names.h"
 #include "host/report.h"
 #include "milter/evaluate.h"
 #include "milter/milter.h"
@@ -24,56 +19,6 @@ namespace {
   throw CLI::RuntimeError(code);
 }
 
-// Standard input and output go by read and write in large blocks: a
-// 90 MB message through the C++ streams costs more than taking it apart.
-bool read_all(int fd, std::string& bytes) {
-  constexpr size_t block = 1 << 20;
-  bytes.clear();
-  while (true) {
-    const size_t size = bytes.size();
-    bytes.resize(size + block);
-    const ssize_t n = read(fd, bytes.data() + size, block);
-    bytes.resize(size + static_cast<size_t>(std::max<ssize_t>(n, 0)));
-    if (n < 0 && errno != EINTR) return false;
-    if (n == 0) return true;
-  }
-}
-
-bool write_all(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    ssize_t n = write(fd, bytes.data(), bytes.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    bytes.remove_prefix(static_cast<size_t>(n));
-  }
-  return true;
-}
-
-bool read_bytes(const std::string& path, std::string& bytes) {
-  if (path == "-") return read_all(0, bytes);
-  int fd = open(path.c_str(), O_RDONLY);
-  if (fd < 0) return false;
-  struct stat status;
-  const bool folder = fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
-  const bool ok = !folder && read_all(fd, bytes);
-  const int error = folder ? EISDIR : errno;
-  close(fd);
-  errno = error;
-  return ok;
-}
-
-// The plug-in with one manager; ends the command with `code` on failure.
-struct Plugin {
-  Plugin(const Host_options& options, int code) {
-    std::string error;
-    library = Plugin_library::load(options, error);
-    if (library) manager.reset(library->create_manager(options, error));
-    if (!manager) fail(error, code);
-  }
-  std::unique_ptr<Plugin_library> library;
-  Manager_ptr manager;  // released before the library unloads
-};
-
 Policy load_policy(const std::string& path, int code) {
   std::string error;
   std::optional<Policy> policy = Policy::load(path, error);
@@ -82,14 +27,16 @@ Policy load_policy(const std::string& path, int code) {
 }
 
 // The policy applied to `bytes`; a plug-in call that throws is a message
-// that cannot be read.
-Evaluation evaluate_bytes(const Policy& policy, Plugin& plugin, const Host_options& options, std::string bytes,
+// that cannot be read. What passes on keeps the line ends it came with: an
+// unchanged message is the bytes as given, a rewritten one has its bare LF
+// line ends back where the message had only those.
+Evaluation evaluate_bytes(const Policy& policy, const Host_session& session, std::string bytes,
                           std::string& passed_on) {
   try {
-    Message_tree tree(*plugin.manager, std::move(bytes), options);
+    Message_tree tree(session.managers(), std::move(bytes), session.options());
     Evaluation evaluation = evaluate(policy, tree);
     if (evaluation.passes()) {
-      passed_on = with_verdict_header(evaluation.rewritten ? std::string_view(evaluation.message) : tree.input(),
+      passed_on = with_verdict_header(evaluation.rewritten ? std::string_view(evaluation.message) : tree.original(),
                                       policy.verdict_header, evaluation.verdict_text());
     }
     return evaluation;
@@ -137,7 +84,7 @@ std::string evaluation_text(const std::string& file, const Evaluation& evaluatio
     std::string line = "  [" + item.path + "]";
     if (!item.facts.item_type.empty()) line += " " + item.facts.item_type;
     if (!item.facts.mime_type.empty()) line += " " + item.facts.mime_type;
-    for (const auto& name : item.facts.names) line += " \"" + name + "\"";
+    for (const auto& name : item.facts.names) line += " \"" + escaped_for_terminal(name) + "\"";
     line += " " + std::to_string(item.facts.size) + " bytes";
     if (item.facts.encrypted) line += " encrypted";
     if (item.facts.is_signed) line += " signed";
@@ -151,51 +98,48 @@ std::string evaluation_text(const std::string& file, const Evaluation& evaluatio
   return out;
 }
 
+// Goes on over the other messages when one cannot be read, and fails at
+// the end; with the passed-on message on standard output, the report goes
+// to standard error.
 void run_check(const Host_options& options, const std::string& policy_path, const std::vector<std::string>& files,
                bool json, const std::string& write) {
   if (!write.empty() && files.size() != 1) fail("--write takes one message");
   Policy policy = load_policy(policy_path, 1);
-  Plugin plugin(options, 1);
+  const Host_session session(options);
+  std::ostream& report = !write.empty() && is_standard_output(write) ? std::cerr : std::cout;
+  bool failed = false;
   for (const auto& file : files) {
     std::string bytes, passed_on;
-    if (!read_bytes(file, bytes)) fail(file + ": cannot read: " + std::strerror(errno));
-    Evaluation evaluation = evaluate_bytes(policy, plugin, options, std::move(bytes), passed_on);
-    std::cout << (json ? evaluation_json(file, evaluation).dump() + "\n" : evaluation_text(file, evaluation));
+    try {
+      bytes = read_file(file);
+    } catch (const Command_failure& failure) {
+      std::cerr << "smtpfm: " << escaped_for_terminal(failure.what()) << '\n';
+      failed = true;
+      continue;
+    }
+    Evaluation evaluation = evaluate_bytes(policy, session, std::move(bytes), passed_on);
+    report << (json ? evaluation_json(file, evaluation).dump() + "\n" : evaluation_text(file, evaluation));
+    report.flush();
     if (write.empty()) continue;
     if (!evaluation.passes()) fail(file + ": refused, nothing to write");
-    std::ofstream out(write, std::ios::binary | std::ios::trunc);
-    out.write(passed_on.data(), static_cast<std::streamsize>(passed_on.size()));
-    if (!out.flush()) fail(write + ": cannot write");
+    write_file(write, passed_on);
   }
-}
-
-// CR LF line ends made bare LF again.
-std::string with_bare_lf(std::string message) {
-  std::string out;
-  out.reserve(message.size());
-  for (size_t i = 0; i < message.size(); ++i)
-    if (!(message[i] == '\r' && i + 1 < message.size() && message[i + 1] == '\n')) out += message[i];
-  return out;
+  if (failed) throw CLI::RuntimeError(1);
 }
 
 // Every failure of our own is a temporary one: the mail server keeps the
 // message and tries again.
 void run_filter(const Host_options& options, const std::string& policy_path) {
   Policy policy = load_policy(policy_path, EX_TEMPFAIL);
-  Plugin plugin(options, EX_TEMPFAIL);
-  std::string bytes, passed_on;
-  if (!read_bytes("-", bytes)) fail("standard input: cannot read", EX_TEMPFAIL);
-  // Mail from a pipe mostly comes with bare LF line ends; only then is the
-  // output given back with them.
-  const bool lf_only = bytes.find("\r\n") == std::string::npos;
-  Evaluation evaluation = evaluate_bytes(policy, plugin, options, std::move(bytes), passed_on);
+  const Host_session session(options);
+  std::string passed_on;
+  Evaluation evaluation = evaluate_bytes(policy, session, read_file("-"), passed_on);
   if (!evaluation.error.empty()) std::cerr << "smtpfm: on-error: " << evaluation.error << '\n';
   if (!evaluation.passes()) {
     std::cerr << reply_text(evaluation.outcome) << '\n';
     throw CLI::RuntimeError(evaluation.outcome.exit_code);
   }
-  if (lf_only) passed_on = with_bare_lf(std::move(passed_on));
-  if (!write_all(1, passed_on)) fail("standard output: cannot write", EX_TEMPFAIL);
+  write_file("-", passed_on);
 }
 
 // Runs a command from its parse callback: any failure that escapes it
@@ -212,17 +156,6 @@ std::function<void()> guarded(std::function<void()> command, int code) {
   };
 }
 
-// The options of every smtpfm command, but for --policy, which here names
-// the attachment policy (the manager's policy list stays empty).
-void add_host_options(CLI::App* command, Host_options& options) {
-  command->add_option("--module", options.module_path, "The plug-in to load (default: smtp.so beside smtpfm)");
-  command->add_option("--registry", options.registry, "Find the plug-in through the registry in this folder");
-  command->add_option("--export-header", options.export_headers, "Give this header field as a sub-item")
-      ->take_all();
-  command->add_flag("--add-body", options.add_body, "Add an empty text body to a message that has none");
-  command->add_option("--max-depth", options.max_depth, "Open items down to this depth (default 64)");
-}
-
 }  // namespace
 
 void add_mail_server_commands(CLI::App& app, Host_options& options) {
@@ -234,17 +167,15 @@ void add_mail_server_commands(CLI::App& app, Host_options& options) {
     Milter_options milter;
   };
   auto settings = std::make_shared<Settings>();
+  // --policy names the policy file; the mail server reads as mail clients do.
+  const Host_option_set mail_server_options{.format_list = false, .profile = false, .line_ends = false};
 
   auto* check = app.add_subcommand("check", "What a policy does with each message, item by item, and why");
   check->add_option("--policy", settings->policy, "The policy file (TOML)")->required();
   check->add_option("files", settings->files, "Messages")->required();
   check->add_flag("--json", settings->json, "One JSON document per message, one per line");
   check->add_option("--write", settings->write, "Write the message as the mail server would pass it on");
-  add_host_options(check, options);
-  check->add_flag("--strict{false},--hardened{true}", options.hardened,
-                  "--strict: the reference reading; --hardened (default, and always in the milter): every "
-                  "reading a mail client takes");
-  check->add_flag("--keep-line-ends", options.keep_line_ends, "Do not turn bare LF line ends into CR LF");
+  add_host_options(check, options, {.format_list = false});
   check->callback(guarded(
       [&options, settings] { run_check(options, settings->policy, settings->files, settings->json, settings->write); },
       1));
@@ -253,7 +184,7 @@ void add_mail_server_commands(CLI::App& app, Host_options& options) {
       "filter", "A message from standard input through the policy to standard output; exits 0, 75 to try again, "
                 "69 (or the rule's exit) to refuse");
   filter->add_option("--policy", settings->policy, "The policy file (TOML)")->required();
-  add_host_options(filter, options);
+  add_host_options(filter, options, mail_server_options);
   filter->callback(guarded([&options, settings] { run_filter(options, settings->policy); }, EX_TEMPFAIL));
 
   auto* milter = app.add_subcommand("milter", "The milter daemon: the policy applied during the SMTP transaction");
@@ -267,7 +198,7 @@ void add_mail_server_commands(CLI::App& app, Host_options& options) {
   milter->add_option("--spool", m.spool, "Folder for messages over the memory limit");
   milter->add_flag("--log-stderr", m.log_stderr, "Log one line per message on stderr instead of syslog");
   milter->add_option("--timeout", m.timeout, "Seconds to wait for the mail server");
-  add_host_options(milter, options);
+  add_host_options(milter, options, mail_server_options);
   milter->callback(guarded(
       [&options, settings] {
         Host_options hardened = options;

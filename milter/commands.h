@@ -13,9 +13,10 @@
 // Adds the three commands to `app`. Each runs from its own callback while
 // `app` parses and ends a failed run with CLI::RuntimeError(exit code), so
 // CLI11_PARSE returns the code. The plug-in's options (--module,
-// --max-depth, ...) fill `options`; `--policy` names the policy file here.
-// filter and milter read as the hardened profile does; check may be asked
-// for the reference reading with --strict.
+// --max-depth, ...) fill `options`; `--policy` names the policy file here,
+// so the managers' format list is not offered. filter and milter read as
+// the hardened profile does; check may be asked for the reference reading
+// with --strict.
 void add_mail_server_commands(CLI::App& app, Host_options& options);
 
 #endif  // SMTPFM_MILTER_COMMANDS_H_

@@ -4,13 +4,12 @@
 #include <unordered_set>
 
 #include "contracts/zor.h"
+#include "host/disarm.h"
+#include "host/log_codes.h"
+#include "host/names.h"
 #include "host/report.h"
 
 namespace {
-
-// The plug-in's log codes on an item's node.
-constexpr uint32_t log_signed = 35;     // an S/MIME or PGP signed entity
-constexpr uint32_t log_encrypted = 36;  // an encrypted entity, not opened
 
 constexpr std::u16string_view alternate_name = u"ItemAlternateName";
 
@@ -23,26 +22,22 @@ bool has_property(const Item_node& node, const char16_t* name) {
   return node.item->properties().find(name) != nullptr;
 }
 
-std::string lowered(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : static_cast<char>(c); });
-  return text;
-}
-
 // Which nodes the rules are asked about: the content of an entity (it has
 // a MIME type of its own) and every leaf. A part that only wraps its
 // content lends it its item type and is not asked itself, so that one
-// attachment is one decision.
+// attachment is one decision. A message encrypted whole holds no items:
+// it is asked about itself.
 bool is_decided(const Item_node& node) {
-  return node.parent != nullptr && (node.is_leaf() || has_property(node, ZOR_MIME_TYPE));
+  if (node.parent == nullptr) return node.item->has_log(log_encrypted);
+  return node.is_leaf() || has_property(node, ZOR_MIME_TYPE);
 }
 
 // The notice that stands in for an item, with {rule} and {name} filled in;
-// a name is the sender's text and loses its control characters.
+// a name is the sender's text and loses its controls and bidirectional
+// controls. The notice's line end is the disarm's to add.
 std::string notice_text(const std::string& pattern, const Item_decision& decision) {
-  std::string name = decision.facts.names.empty() ? std::string("(no name)") : decision.facts.names.front();
-  for (char& c : name)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '_';
+  const std::string name =
+      decision.facts.names.empty() ? std::string("(no name)") : without_hazards(decision.facts.names.front());
   std::string out;
   for (size_t i = 0; i < pattern.size(); ++i) {
     if (pattern.compare(i, 6, "{rule}") == 0) {
@@ -55,15 +50,7 @@ std::string notice_text(const std::string& pattern, const Item_decision& decisio
       out += pattern[i];
     }
   }
-  return out + "\r\n";
-}
-
-// Replaces an item by the policy's notice.
-// TODO(merge): call disarm_item of host/disarm.h, which puts a text/plain
-// notice part named like the item plus ".txt" in place of its entity; until
-// it lands the item's content alone is replaced and its header kept.
-bool disarm(Message_tree& tree, Item_node& node, const std::string& notice, std::string& error) {
-  return tree.replace(node, notice, error);
+  return out;
 }
 
 // Why the plug-in could not read the message, or empty.
@@ -80,36 +67,46 @@ std::string read_failure(Message_tree& tree) {
 
 }  // namespace
 
-Item_facts item_facts(const Item_node& node) {
+Item_facts item_facts(const Message_tree& tree, const Item_node& node) {
   Item_facts facts;
   facts.depth = node.depth;
   facts.size = node.bytes().size();
   facts.depth_limited = node.depth_limited;
   // The node and the nodes above it up to the part that holds it: the
-  // part carries the item type and the type its content was sent as.
+  // part carries the item type and the type its content was sent as. The
+  // message above is no part (a message encrypted whole is its own item).
   bool in_part = true;
-  for (const Item_node* at = &node; at != nullptr && at->parent != nullptr; at = at->parent) {
+  for (const Item_node* at = &node; at != nullptr && (at == &node || at->parent != nullptr); at = at->parent) {
     if (at->item->has_log(log_signed)) facts.is_signed = true;
     if (!in_part) continue;
     if (at->item->has_log(log_encrypted)) facts.encrypted = true;
+    // Names as the host shows them: encoded words decoded, raw UTF-8 read
+    // as UTF-8.
     if (facts.names.empty() && has_property(*at, ZOR_ITEM_NAME)) {
-      facts.names.push_back(property_of(*at, ZOR_ITEM_NAME));
+      facts.names.push_back(readable_text(at->item->string_property(ZOR_ITEM_NAME)));
       for (const auto& property : at->item->properties())
         if (std::u16string_view(property.name()).starts_with(alternate_name))
-          facts.names.push_back(property_text(property));
+          facts.names.push_back(readable_text(property.string_value()));
     }
     if (facts.mime_type.empty()) {
       if (has_property(*at, ZOR_MIME_TYPE))
-        facts.mime_type = lowered(property_of(*at, ZOR_MIME_TYPE) + "/" + property_of(*at, ZOR_MIME_SUBTYPE));
+        facts.mime_type = ascii_lowered(property_of(*at, ZOR_MIME_TYPE) + "/" + property_of(*at, ZOR_MIME_SUBTYPE));
       else if (has_property(*at, ZOR_ENCLOSED_MIME_TYPE))
         facts.mime_type =
-            lowered(property_of(*at, ZOR_ENCLOSED_MIME_TYPE) + "/" + property_of(*at, ZOR_ENCLOSED_MIME_SUBTYPE));
+            ascii_lowered(property_of(*at, ZOR_ENCLOSED_MIME_TYPE) + "/" + property_of(*at, ZOR_ENCLOSED_MIME_SUBTYPE));
     }
     const std::string type = property_of(*at, ZOR_ITEM_TYPE);
     if (!type.empty()) {
       facts.item_type = type == "AttachmentItem" ? "attachment" : type == "BodyItem" ? "body" : "header";
       in_part = false;
     }
+  }
+  // An entity that was not opened (encrypted, past the depth bound) names
+  // its content in its header only: the name a client shows. (Content that
+  // was opened has its names published.)
+  if (facts.names.empty() && node.is_leaf() && !has_property(node, ZOR_MIME_TYPE)) {
+    std::string name = attachment_name(tree, node);
+    if (!name.empty()) facts.names.push_back(std::move(name));
   }
   // Reads zero until the plug-in reports the bytes it skipped.
   facts.unexamined = 0;
@@ -138,7 +135,7 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
   if (!failure.empty()) return unreadable(policy, failure);
 
   Evaluation evaluation;
-  std::vector<Item_node*> disarmed;
+  std::vector<std::string> disarmed;  // paths: a disarm releases the nodes of the entity it replaces
   std::unordered_set<const Item_node*> gone;
   const Rule* decider = nullptr;  // the first rule of the strongest action
   tree.for_each([&](Item_node& node) {
@@ -148,7 +145,7 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
     if (!is_decided(node)) return;
     Item_decision decision;
     decision.path = node.path;
-    decision.facts = item_facts(node);
+    decision.facts = item_facts(tree, node);
     decision.rule = policy.match(decision.facts);
     if (decision.rule != nullptr) {
       decision.action = decision.rule->outcome.action;
@@ -156,7 +153,7 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
         evaluation.rules.push_back(decision.rule->name);
       if (decider == nullptr || decision.action > decider->outcome.action) decider = decision.rule;
       if (decision.action == Action::disarm) {
-        disarmed.push_back(&node);
+        disarmed.push_back(node.path);
         gone.insert(&node);
       }
     }
@@ -173,11 +170,18 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
     out.rules = std::move(evaluation.rules);
     return out;
   };
+  // Each disarm puts a text/plain notice, named as the item was with
+  // ".txt" behind, in place of the item's entity, as `smtpfm disarm` does.
+  // Items that are disarmed never lie inside one another, so the paths
+  // still to come stand where they stood; one that is gone went with the
+  // entity of an item before it.
   size_t next = 0;
-  for (Item_node* node : disarmed) {
-    while (evaluation.items[next].path != node->path) ++next;
+  for (const std::string& path : disarmed) {
+    while (evaluation.items[next].path != path) ++next;
     Item_decision& decision = evaluation.items[next];
-    if (!disarm(tree, *node, notice_text(policy.notice, decision), decision.error))
+    Item_node* node = tree.find(path);
+    if (node == nullptr) continue;
+    if (!disarm_item(tree, *node, notice_text(policy.notice, decision), decision.error))
       return failed("item " + decision.path + " cannot be disarmed: " + decision.error);
   }
   std::string error;
@@ -187,7 +191,10 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
 }
 
 std::string with_verdict_header(std::string_view message, const std::string& name, const std::string& value) {
-  std::string out = name + ": " + value + "\r\n";
+  // The field ends its line as the message's first line does.
+  const size_t first_end = message.find('\n');
+  const bool bare_lf = first_end != std::string_view::npos && (first_end == 0 || message[first_end - 1] != '\r');
+  std::string out = name + ": " + value + (bare_lf ? "\n" : "\r\n");
   out.reserve(message.size() + out.size());
   // Header lines up to the first empty line; a field goes with the lines
   // that continue it (they begin with a blank).
@@ -204,7 +211,7 @@ std::string with_verdict_header(std::string_view message, const std::string& nam
       size_t colon = line.find(':');
       std::string_view field = colon == std::string_view::npos ? std::string_view() : line.substr(0, colon);
       while (!field.empty() && (field.back() == ' ' || field.back() == '\t')) field.remove_suffix(1);
-      dropping = field.size() == name.size() && lowered(std::string(field)) == lowered(name);
+      dropping = field.size() == name.size() && ascii_lowered(std::string(field)) == ascii_lowered(name);
       if (!dropping) out += line;
     }
     at = end;

@@ -27,7 +27,9 @@ struct Evaluation {
   std::vector<std::string> rules;  // the names of the rules that matched, in item order, once each
   std::string error;          // not empty: the message could not be read and on-error decided
   bool rewritten = false;     // the passed-on message differs from the input (besides the verdict header)
-  std::string message;        // what passes on, without the verdict header; empty for refusals
+  // When rewritten: what passes on, without the verdict header, as
+  // Message_tree::rebuild writes it (with the message's bare LF line ends).
+  std::string message;
 
   // The verdict header's value: "disarm; rules=exe,scripts", "accept; error".
   std::string verdict_text() const;
@@ -35,9 +37,10 @@ struct Evaluation {
   bool passes() const { return outcome.action < Action::tempfail; }
 };
 
-// The facts of one node, read from its properties and those of the nodes
-// above it up to the part that holds it.
-Item_facts item_facts(const Item_node& node);
+// The facts of one node of `tree`, read from its properties and those of
+// the nodes above it up to the part that holds it, and its name from the
+// header of an entity that was not opened.
+Item_facts item_facts(const Message_tree& tree, const Item_node& node);
 
 // Decides what `policy` does with the message in `tree` and, when it
 // passes on, carries out the disarms and writes the message. The tree is
@@ -49,7 +52,8 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree);
 Evaluation unreadable(const Policy& policy, const std::string& reason);
 
 // `message` with every field named `name` removed (a sender's forged
-// verdict) and "name: value" put in front.
+// verdict) and "name: value" put in front, its line ended as the
+// message's first line is (CR LF, or LF alone).
 std::string with_verdict_header(std::string_view message, const std::string& name, const std::string& value);
 
 #endif  // SMTPFM_MILTER_EVALUATE_H_

@@ -20,6 +20,7 @@
 #include <mutex>
 #include <thread>
 
+#include "host/files.h"
 #include "milter/evaluate.h"
 
 namespace {
@@ -33,55 +34,55 @@ constexpr size_t body_piece = 65535;
 // How long a stopping daemon waits for the messages under way.
 constexpr auto stop_grace = std::chrono::seconds(30);
 
-// The managers of the plug-in, one per worker: a message takes one for
-// the time it is taken apart and gives it back.
+// The format managers of the plug-ins (smtp.so's and uue.so's), a set per
+// worker: a message takes a set for the time it is taken apart and gives
+// it back.
 class Manager_pool {
  public:
-  bool start(Plugin_library& library, const Host_options& options, unsigned count, std::string& error) {
+  bool start(Host_plugins& plugins, const Host_options& options, unsigned count, std::string& error) {
     for (unsigned i = 0; i < count; ++i) {
-      Manager_ptr manager(library.create_manager(options, error));
-      if (!manager) return false;
-      free_.push_back(manager.get());
-      all_.push_back(std::move(manager));
+      auto managers = std::make_unique<Format_managers>();
+      if (!plugins.create_managers(options, *managers, error)) return false;
+      free_.push_back(managers.get());
+      all_.push_back(std::move(managers));
     }
     return true;
   }
-  Fmg_manager_base& take() {
+  const Format_managers& take() {
     std::unique_lock lock(mutex_);
     ready_.wait(lock, [&] { return !free_.empty(); });
-    Fmg_manager_base* manager = free_.back();
+    const Format_managers* managers = free_.back();
     free_.pop_back();
-    return *manager;
+    return *managers;
   }
-  void give(Fmg_manager_base& manager) {
+  void give(const Format_managers& managers) {
     {
       std::lock_guard lock(mutex_);
-      free_.push_back(&manager);
+      free_.push_back(&managers);
     }
     ready_.notify_one();
   }
-  void clear() { all_.clear(); }
 
  private:
   std::mutex mutex_;
   std::condition_variable ready_;
-  std::vector<Fmg_manager_base*> free_;
-  std::vector<Manager_ptr> all_;
+  std::vector<const Format_managers*> free_;
+  std::vector<std::unique_ptr<Format_managers>> all_;
 };
 
 struct Lease {
-  explicit Lease(Manager_pool& pool) : pool(pool), manager(pool.take()) {}
-  ~Lease() { pool.give(manager); }
+  explicit Lease(Manager_pool& pool) : pool(pool), managers(pool.take()) {}
+  ~Lease() { pool.give(managers); }
   Manager_pool& pool;
-  Fmg_manager_base& manager;
+  const Format_managers& managers;
 };
 
 // The daemon's state, shared by libmilter's threads.
 struct Daemon {
   Host_options host;
   Milter_options options;
-  std::unique_ptr<Plugin_library> library;
-  Manager_pool pool;
+  std::unique_ptr<Host_plugins> plugins;
+  Manager_pool pool;  // released before the plug-ins unload
   std::mutex policy_mutex;
   std::shared_ptr<const Policy> policy;
   std::mutex log_mutex;
@@ -138,21 +139,17 @@ struct Message {
         return;
       }
       unlink(path.c_str());
-      write_all(bytes);
+      spill_bytes(bytes);
       std::string().swap(bytes);
     }
     if (spill >= 0)
-      write_all(data);
+      spill_bytes(data);
     else
       bytes.append(data);
   }
-  void write_all(std::string_view data) {
-    while (!data.empty() && failure.empty()) {
-      ssize_t n = write(spill, data.data(), data.size());
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) failure = std::string("cannot write the spilled message: ") + std::strerror(errno);
-      else data.remove_prefix(static_cast<size_t>(n));
-    }
+  void spill_bytes(std::string_view data) {
+    if (failure.empty() && !write_all(spill, data))
+      failure = std::string("cannot write the spilled message: ") + std::strerror(errno);
   }
 };
 
@@ -170,17 +167,6 @@ Connection* connection_of(SMFICTX* ctx) {
     smfi_setpriv(ctx, connection);
   }
   return connection;
-}
-
-// Line ends inside a folded value come as LF or CR LF; the message is
-// written with CR LF.
-std::string canonical_value(const char* value) {
-  std::string out;
-  for (const char* at = value; *at != '\0'; ++at) {
-    if (*at == '\n' && (at == value || at[-1] != '\r')) out += '\r';
-    out += *at;
-  }
-  return out;
 }
 
 // A memory view of the message: the string, or the spilled file mapped.
@@ -233,13 +219,6 @@ void split_message(std::string_view message, std::vector<std::pair<std::string, 
 
 bool same_name(const std::string& a, const std::string& b) { return strcasecmp(a.c_str(), b.c_str()) == 0; }
 
-std::string with_lf(std::string value) {
-  std::string out;
-  for (size_t i = 0; i < value.size(); ++i)
-    if (!(value[i] == '\r' && i + 1 < value.size() && value[i + 1] == '\n')) out += value[i];
-  return out;
-}
-
 // The mail server's copy of the header made equal to `rebuilt`, field
 // name by field name: changed values changed, missing ones deleted (last
 // first, so that the indexes stay), new ones added.
@@ -253,9 +232,9 @@ bool send_header_changes(SMFICTX* ctx, const std::vector<std::pair<std::string, 
   for (const auto& name : names) {
     std::vector<std::string> old_values, new_values;
     for (const auto& [n, v] : before)
-      if (same_name(n, name)) old_values.push_back(with_lf(v));
+      if (same_name(n, name)) old_values.push_back(bare_line_ends(v));
     for (const auto& [n, v] : after)
-      if (same_name(n, name)) new_values.push_back(with_lf(v));
+      if (same_name(n, name)) new_values.push_back(bare_line_ends(v));
     auto value_for = [&](std::string v) {
       if (lead_space) return v;
       size_t skip = v.find_first_not_of(' ');
@@ -377,7 +356,9 @@ sfsistat on_header(SMFICTX* ctx, char* name, char* value) {
   if (connection == nullptr || connection->message == nullptr) return SMFIS_TEMPFAIL;
   Message& message = *connection->message;
   try {
-    std::string text = canonical_value(value);
+    // Line ends inside a folded value come as LF or CR LF; the message is
+    // written with CR LF.
+    std::string text = make_canonical(value);
     message.fields.emplace_back(name, text);
     message.append(name);
     message.append(connection->lead_space ? ":" : ": ");
@@ -424,7 +405,7 @@ sfsistat end_of_message(SMFICTX* ctx) {
     } else {
       Message_view view(message);
       Lease lease(daemon_state->pool);
-      Message_tree tree(lease.manager, Message_tree::Borrowed{}, view.bytes(), daemon_state->host);
+      Message_tree tree(lease.managers, Message_tree::Borrowed{}, view.bytes(), daemon_state->host);
       evaluation = evaluate(*policy, tree);
     }
   } catch (const std::exception& e) {
@@ -507,8 +488,8 @@ int run_milter(const Host_options& host_options, const Milter_options& options) 
     return EX_CONFIG;
   }
   daemon.policy = std::make_shared<const Policy>(std::move(*policy));
-  daemon.library = Plugin_library::load(host_options, error);
-  if (!daemon.library || !daemon.pool.start(*daemon.library, host_options, options.workers, error)) {
+  daemon.plugins = Host_plugins::load(host_options, error);
+  if (!daemon.plugins || !daemon.pool.start(*daemon.plugins, host_options, options.workers, error)) {
     std::cerr << "smtpfm: " << error << '\n';
     return EX_SOFTWARE;
   }

@@ -1,12 +1,13 @@
 // smtpfm milter: the policy applied to every message a mail server hands
 // over through the milter protocol (libmilter), during the SMTP transaction.
 //
-// libmilter runs one thread per connection; the plug-in runs in a pool of
-// format managers, one per worker, so that at most `workers` messages are
-// taken apart at once. A message is collected in memory up to
-// `memory_limit` bytes and in an unlinked temporary file beyond it. The
-// policy is read again on SIGHUP (a bad file keeps the old policy); SIGTERM
-// and SIGINT stop the daemon once the open connections are done.
+// libmilter runs one thread per connection; the plug-ins run in a pool of
+// format managers, one of smtp.so and one of uue.so per worker, so that at
+// most `workers` messages are taken apart at once. A message is collected
+// in memory up to `memory_limit` bytes and in an unlinked temporary file
+// beyond it. The policy is read again on SIGHUP (a bad file keeps the old
+// policy); SIGTERM and SIGINT stop the daemon once the open connections
+// are done.
 #ifndef SMTPFM_MILTER_MILTER_H_
 #define SMTPFM_MILTER_MILTER_H_
 

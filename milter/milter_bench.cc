@@ -190,11 +190,11 @@ double through_tree(const std::string& smtpfm, const Row& row) {
   options.module_path = fs::path(smtpfm).parent_path() / "smtp.so";
   options.hardened = true;
   std::string error;
-  auto library = Plugin_library::load(options, error);
-  if (!library) throw std::runtime_error(error);
-  Manager_ptr manager(library->create_manager(options, error));
+  auto plugins = Host_plugins::load(options, error);
+  Format_managers managers;
+  if (!plugins || !plugins->create_managers(options, managers, error)) throw std::runtime_error(error);
   auto start = Clock::now();
-  for (const auto& message : row.messages) Message_tree tree(*manager, Message_tree::Borrowed{}, message, options);
+  for (const auto& message : row.messages) Message_tree tree(managers, Message_tree::Borrowed{}, message, options);
   return seconds_since(start);
 }
 

@@ -21,11 +21,6 @@ int line_of(const toml::node& node) { return static_cast<int>(node.source().begi
 
 char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-std::string lowered(std::string text) {
-  for (char& c : text) c = lower(c);
-  return text;
-}
-
 const toml::node& expect(const toml::node& node, bool ok, const std::string& key, const char* what) {
   if (!ok) throw Policy_error{line_of(node), "\"" + key + "\" must be " + what};
   return node;
@@ -193,7 +188,7 @@ Rule rule_of(const toml::table& table, size_t index) {
       for (auto& type : rule.types) {
         if (type.find('/') == std::string::npos && type != "*")
           throw Policy_error{line_of(value), "\"type\" patterns are \"type/subtype\", such as \"application/*\""};
-        type = lowered(type);
+        type = ascii_lowered(type);
       }
     } else if (key == "item-type") {
       rule.item_types = strings_of(value, key);
@@ -265,6 +260,11 @@ Policy policy_of(const toml::table& top) {
 }  // namespace
 
 const char* action_name(Action action) { return action_names[static_cast<int>(action)]; }
+
+std::string ascii_lowered(std::string text) {
+  for (char& c : text) c = lower(c);
+  return text;
+}
 
 bool glob_match(std::string_view pattern, std::string_view text) {
   // Greedy with one backtrack point: the last '*' seen. Linear in practice

@@ -81,6 +81,9 @@ struct Policy {
   const Rule* match(const Item_facts& item) const;
 };
 
+// `text` with ASCII upper case letters made lower case, other bytes kept.
+std::string ascii_lowered(std::string text);
+
 // Shell-style glob: '*' any run, '?' one byte, ASCII case ignored.
 bool glob_match(std::string_view pattern, std::string_view text);
 

@@ -9,7 +9,8 @@ smtplib and checks what arrives in the Maildir:
 
   - a clean message arrives byte for byte as sent, apart from the trace
     fields (Return-Path, Delivered-To, Received, the verdict header);
-  - an .exe attachment is replaced by the notice, the rest intact;
+  - an .exe attachment is replaced by a text/plain notice part named as it
+    was with ".txt", the rest intact;
   - a script is refused with the policy's code and text at the SMTP level;
   - a message the plug-in cannot read is answered as on-error says;
   - with the milter killed while mail flows, every message was either
@@ -275,8 +276,12 @@ def run_cases(lab, failures):
         parsed = email.message_from_bytes(got, policy=email.policy.default)
         parts = {part.get_filename() or "body": part.get_payload(decode=True) for part in parsed.walk()
                  if not part.is_multipart()}
+        types = {part.get_filename(): part.get_content_type() for part in parsed.walk() if part.get_filename()}
         check(failures, verdict(got) == "disarm; rules=executables", f"exe: verdict {verdict(got)}")
-        notice = b"".join(data for name, data in parts.items() if name.startswith("setup.exe"))
+        # The part is a text/plain notice now, named as the attachment was with ".txt".
+        check(failures, types.get("setup.exe.txt") == "text/plain" and "setup.exe" not in types,
+              f"exe: the notice part is not setup.exe.txt, text/plain: {types}")
+        notice = parts.get("setup.exe.txt", b"")
         check(failures, b"The attachment setup.exe was removed (rule executables)." in notice,
               f"exe: no notice in {parts}")
         check(failures, b"MZ" not in notice, "exe: the executable is still there")

@@ -76,12 +76,24 @@ assert(mt.eom_check(conn, MT_HDRINSERT, "X-Smtpfm-Verdict", " accept", 0), "clea
 assert(mt.eom_check(conn, MT_HDRDELETE, "X-Smtpfm-Verdict"), "clean: the forged verdict stays")
 assert(not mt.eom_check(conn, MT_BODYCHANGE), "clean: body changed")
 
--- On the same connection: an executable is disarmed, the body sent anew.
+-- On the same connection: an executable is disarmed, the body sent anew
+-- with a text/plain part in its place, named as it was with ".txt".
 reply = send(conn, multipart(), part("setup.exe", "application/octet-stream") .. body_text .. "--b--\r\n")
 assert(reply == SMFIR_CONTINUE or reply == SMFIR_ACCEPT, "exe: reply " .. reply)
 assert(mt.eom_check(conn, MT_HDRINSERT, "X-Smtpfm-Verdict", " disarm; rules=exe", 0), "exe: verdict")
-assert(mt.eom_check(conn, MT_BODYCHANGE), "exe: body not changed")
+assert(mt.eom_check(conn, MT_BODYCHANGE,
+                    "--b\r\nContent-Type: text/plain; charset=us-ascii; name=\"setup.exe.txt\"\r\n" ..
+                    "Content-Disposition: attachment; filename=\"setup.exe.txt\"\r\n" ..
+                    "Content-Transfer-Encoding: 7bit\r\n\r\n" ..
+                    "This attachment was removed by the mail filter (rule exe).\r\n\r\n" .. body_text .. "--b--\r\n"),
+       "exe: body not changed to the notice part")
 assert(not mt.eom_check(conn, MT_HDRCHANGE), "exe: a header changed")
+
+-- A file uuencoded in a plain text body: uue.so opens it for the rules.
+reply = send(conn, {{"From", "a@example.org"}, {"Subject", "the old way"}},
+             "Hello\r\nbegin 644 setup.exe\r\n#04)#\r\n`\r\nend\r\n")
+assert(mt.eom_check(conn, MT_HDRINSERT, "X-Smtpfm-Verdict", " disarm; rules=exe", 0), "uuencoded exe: verdict")
+assert(mt.eom_check(conn, MT_BODYCHANGE), "uuencoded exe: body not changed")
 
 -- A script: refused with the policy's reply, '%' escaped for the server.
 reply = send(conn, multipart(), part("run.js", "application/javascript") .. "--b--\r\n")
@@ -115,4 +127,4 @@ if not ok then
   print("FAILED: " .. tostring(failure))
   error(failure)
 end
-print("milter protocol: 6 cases passed")
+print("milter protocol: 7 cases passed")
