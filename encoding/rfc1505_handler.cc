@@ -6,6 +6,7 @@
 #include <string>
 
 #include "manager/header_export.h"
+#include "manager/signed_content.h"
 #include "manager/table_access.h"
 #include "reader/content_type_repair.h"
 #include "reader/header_block.h"
@@ -35,6 +36,7 @@ void Smtp_rfc1505_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   data = buffer;
   header_end_ = 0;
   body_offset_ = 0;
+  signed_content_ = is_signed_content(item);
   table_.clear_items();
 
   Vek_buffered_istream stream(data, true, status, vek_eol_lf);
@@ -119,6 +121,8 @@ bool Smtp_rfc1505_handler::has_items(Fmg_item&, Vek_status& status) {
 }
 
 Vek_buffer* Smtp_rfc1505_handler::get_item(uint32_t& position, Fmg_item& item, Vek_status& status) {
+  if (signed_content_ && table_.valid_position(position) && position >= table_.header_item_count)
+    mark_signed_content(item);
   return get_table_item(table_, position, item, is_message_, handler_name, status);
 }
 
@@ -150,7 +154,9 @@ bool Smtp_rfc1505_handler::is_modified(Fmg_item&, Vek_status& status) {
   // is nothing to count: the new field would be empty and the body would
   // go with it. The message then counts as unchanged, so the host passes
   // it on as it came and rebuild gives a copy of it.
-  return table_.any_modified() || (field_repaired_ && table_.body_index != smtp_no_position);
+  // Under a signature the field stays as it was sent.
+  return table_.any_modified() ||
+         (field_repaired_ && !signed_content_ && table_.body_index != smtp_no_position);
 }
 
 std::string Smtp_rfc1505_handler::encoding_value() const {

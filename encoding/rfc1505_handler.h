@@ -56,8 +56,8 @@ class Smtp_rfc1505_handler : public Fmg_handler_base {
   bool can_modify_item(uint32_t position, Fmg_item& item, Vek_status& status) override;
   // Whether the host replaced this record.
   bool is_item_modified(uint32_t position, Fmg_item& item, Vek_status& status) override;
-  // Whether the host replaced a part, or the field was cleaned and there
-  // are parts to write a new field from.
+  // Whether the host replaced a part, or the field was cleaned (outside a
+  // signature) and there are parts to write a new field from.
   bool is_modified(Fmg_item& item, Vek_status& status) override;
   // The message written anew, owned by the caller, who must look at the
   // status: a copy of `data` if nothing changed, else the header with a new
@@ -86,6 +86,8 @@ class Smtp_rfc1505_handler : public Fmg_handler_base {
   const Smtp_profile& profile_;
   // clean_encoding_field dropped bytes from the field's value.
   bool field_repaired_ = false;
+  // The message lies under a signature: the cleaning is not written back.
+  bool signed_content_ = false;
   // Position in `data` where the header block ended, in front of its blank
   // line; the header is rewritten up to here and no further.
   uint64_t header_end_ = 0;

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "manager/header_export.h"
+#include "manager/signed_content.h"
 #include "manager/table_access.h"
 #include "reader/header_block.h"
 
@@ -18,9 +19,10 @@ constexpr const char* handler_name = "Smtp_rfc822_handler";
 
 }  // namespace
 
-void Smtp_rfc822_handler::set_data(Vek_buffer* buffer, Fmg_item&, Vek_status& status) {
+void Smtp_rfc822_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_status& status) {
   status.clear();
   data = buffer;
+  signed_content_ = is_signed_content(item);
   body_offset_ = 0;
   table_.clear_items();
 
@@ -56,6 +58,8 @@ bool Smtp_rfc822_handler::has_items(Fmg_item&, Vek_status& status) {
 }
 
 Vek_buffer* Smtp_rfc822_handler::get_item(uint32_t& position, Fmg_item& item, Vek_status& status) {
+  if (signed_content_ && table_.valid_position(position) && position >= table_.header_item_count)
+    mark_signed_content(item);
   return get_table_item(table_, position, item, is_message_, handler_name, status);
 }
 

@@ -68,6 +68,8 @@ class Smtp_rfc822_handler : public Fmg_handler_base {
   uint64_t body_offset_ = 0;
   // A blank line stood behind the header.
   bool blank_line_ = true;
+  // The message lies under a signature; its sub-items are marked so.
+  bool signed_content_ = false;
   Smtp_item_table table_;
 };
 

@@ -4,6 +4,7 @@
 
 #include "codecs/encoded_words.h"
 #include "contracts/zor.h"
+#include "manager/signed_content.h"
 #include "manager/table_access.h"
 #include "mime/rfc1521_handler.h"
 #include "reader/content_type_repair.h"
@@ -145,6 +146,7 @@ Vek_buffer* Smtp_rfc1521_handler::get_item(uint32_t& position, Fmg_item& item, V
   const Smtp_item_record& record = table_.at_position(position);
   // The length goes out as a signed number: an unknown length reads -1.
   const Tav_property length(ZOR_ITEM_LENGTH, static_cast<int32_t>(record.length));
+  if ((is_signed_ || signed_content_) && record.type != smtp_item_header) mark_signed_content(item);
   if (record.type == smtp_item_header) {
     item.set_property(ZOR_ITEM_TYPE, ZOR_HEADER_ITEM);
     item.add_property(length);
@@ -218,8 +220,9 @@ bool Smtp_rfc1521_handler::is_item_modified(uint32_t position, Fmg_item&, Vek_st
 
 bool Smtp_rfc1521_handler::is_modified(Fmg_item&, Vek_status& status) {
   status.clear();
-  // A repaired "Content-Type" is written back even if nothing else changed.
-  return content_type_repaired_ || table_.any_modified();
+  // A repaired "Content-Type" is written back even if nothing else changed,
+  // except under a signature, which the repair would break.
+  return (content_type_repaired_ && !signed_content_) || table_.any_modified();
 }
 
 Vek_wstring Smtp_rfc1521_handler::charset_or(std::u16string_view fallback) const {

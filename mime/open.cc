@@ -10,6 +10,7 @@
 #include "contracts/zor.h"
 #include "encoding/block_scanner.h"
 #include "manager/header_export.h"
+#include "manager/signed_content.h"
 #include "manager/table_access.h"
 #include "mime/rfc1521_handler.h"
 #include "reader/content_type_repair.h"
@@ -125,6 +126,7 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   data = buffer;
   clear_items();
   content_type_repaired_ = false;
+  signed_content_ = is_signed_content(item);
   header_end_ = 0;
   encoding_ = "7bit";
   mime_type_.clear();

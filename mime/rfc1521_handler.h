@@ -62,7 +62,8 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
   bool can_modify_item(uint32_t position, Fmg_item& item, Vek_status& status) override;
   // Whether the host replaced this record.
   bool is_item_modified(uint32_t position, Fmg_item& item, Vek_status& status) override;
-  // Whether the host replaced a record or the "Content-Type" was repaired.
+  // Whether the host replaced a record or the "Content-Type" was repaired
+  // (outside a signature only).
   bool is_modified(Fmg_item& item, Vek_status& status) override;
   // The entity written anew, owned by the caller whatever the status says;
   // the caller must look at the status before using it.
@@ -108,7 +109,10 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
   uint64_t part_end(uint64_t position) const;
   // Rebuilding (rebuild.cc).
   bool has_body_records() const;
-  void write_headers(Vek_istream& input, Vek_ostream& output, bool refold_content_type, Vek_status& status);
+  void write_headers(Vek_istream& input, Vek_ostream& output, bool refold_content_type, bool quoted_printable,
+                     Vek_status& status);
+  void copy_header_text(uint64_t start, Vek_ostream& output, Vek_status& status) const;
+  void write_header_end(Vek_ostream& output, Vek_status& status) const;
   void write_raw(Vek_buffer& out, Vek_status& status);
   void write_quoted_printable(Vek_buffer& out, bool add_encoding_field, Vek_status& status);
   void write_base64(Vek_buffer& out, Vek_status& status);
@@ -128,6 +132,8 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
   bool is_encrypted_ = false;
   bool is_certificate_ = false;
   bool content_type_repaired_ = false;
+  // The entity lies under a signature: it repairs nothing on its own.
+  bool signed_content_ = false;
   // The last part had no delimiter behind it and is a record all the same.
   bool last_part_unclosed_ = false;
   // Where the header block that set_data read ends in `data` (in front of
