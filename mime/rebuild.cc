@@ -31,7 +31,6 @@
 //   - a Base64 body that add_body cut in two records: both are encoded as
 //     one run, since a decoder stops at the first "=" of padding.
 #include <algorithm>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -97,16 +96,12 @@ Vek_buffer* Smtp_rfc1521_handler::rebuild(Fmg_item&, Vek_status& status) {
     return result.release();
   }
   if (vek_string_equal_nc(mime_type_, "multipart")) {
-    // A multipart entity with records was split at its boundary, so the
-    // parameter is there.
-    const Smtp_header_field* boundary = find_parameter(parameters_, "boundary");
-    if (boundary == nullptr) {
+    // A multipart entity with records was split at a boundary.
+    if (boundary_text_.empty()) {
       write_source_body(*result, status);
       return result.release();
     }
-    std::string boundary_text = boundary->value;
-    vek_trim(boundary_text);
-    write_multipart(*result, boundary_text, status);
+    write_multipart(*result, status);
   } else if (vek_string_equal_nc(encoding_, "7bit")) {
     Vek_wstring charset = charset_or(u"ISO-8859-1");
     if (!has_eight_bit_text(charset, status)) {
@@ -175,20 +170,19 @@ void Smtp_rfc1521_handler::write_headers(Vek_istream& input, Vek_ostream& output
   // for the body are written with the body, not as fields.
   while (input.tell() < header_end_) {
     const uint64_t field_start = input.tell();
-    const bool read = read_header_field(input, profile_.header_lines.max_line, name, lines, status,
-                                        profile_.header_lines.eight_bit_text);
+    const bool read = read_header_field(input, name, lines, status, profile_.header_lines);
     if (!status.ok()) {
       // A line that the field reader refuses (one at its length limit, say)
       // where opening took the header all the same: nothing of it changes,
       // so it goes out as it came, up to where opening stopped.
       status.clear();
-      copy_header_text(field_start, output, status);
+      copy_header_text(field_start, header_end_, output, status);
       input.seek(header_end_);
       return;
     }
     if (!read) break;
     const bool is_content_type = vek_string_equal_nc(name, "Content-Type");
-    if (is_content_type && (refold_content_type || content_type_repaired_)) {
+    if (is_content_type && !content_type_as_sent_ && (refold_content_type || content_type_repaired_)) {
       content_type_seen = true;
       std::string value =
           refold_content_type && !new_content_type_.empty() ? new_content_type_ : unfold_field_lines(lines);
@@ -201,7 +195,13 @@ void Smtp_rfc1521_handler::write_headers(Vek_istream& input, Vek_ostream& output
       encoding_seen = true;
     } else {
       content_type_seen = content_type_seen || is_content_type;
-      write_raw_field(output, name, lines, status);
+      // A name with white space in front of its colon (the obsolete form)
+      // goes out as it came; the lines alone would lose that space.
+      if (name != smtp_bad_header_name && field_start + name.size() < data->size() &&
+          data->data()[field_start + name.size()] != ':')
+        copy_header_text(field_start, input.tell(), output, status);
+      else
+        write_raw_field(output, name, lines, status);
     }
     if (!status.ok()) return;
   }
@@ -212,30 +212,21 @@ void Smtp_rfc1521_handler::write_headers(Vek_istream& input, Vek_ostream& output
     write_header_field(output, "Content-Transfer-Encoding", "quoted-printable", true, status);
 }
 
-// The source's header text from `start` to where opening ended the header,
-// each whole line with a CR LF as the writers end every line, and a line
-// that the header's end cuts in two without one: the body goes on with it.
-void Smtp_rfc1521_handler::copy_header_text(uint64_t start, Vek_ostream& output, Vek_status& status) const {
-  const auto* bytes = reinterpret_cast<const char*>(data->data());
-  const uint64_t end = std::min<uint64_t>(header_end_, data->size());
-  while (start < end && status.ok()) {
-    const void* lf = std::memchr(bytes + start, '\n', end - start);
-    if (lf == nullptr) {
-      output.write(std::string_view(bytes + start, end - start), status);
-      return;
-    }
-    const auto at = static_cast<uint64_t>(static_cast<const char*>(lf) - bytes);
-    std::string_view line(bytes + start, at - start);
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    output.writeln(line, status);
-    start = at + 1;
-  }
+// The source's header text from `start` to `end`, as it stands: at the
+// header's end a line cut in two goes out without its line end, and the
+// body goes on with it.
+void Smtp_rfc1521_handler::copy_header_text(uint64_t start, uint64_t end, Vek_ostream& output,
+                                            Vek_status& status) const {
+  end = std::min<uint64_t>(end, data->size());
+  if (start >= end) return;
+  write_source_lines(
+      output, std::string_view(reinterpret_cast<const char*>(data->data()) + start, end - start), status);
 }
 
 void Smtp_rfc1521_handler::write_header_end(Vek_ostream& output, Vek_status& status) const {
   status.clear();
   // Where opening stopped inside a line, the body goes on with that line.
-  if (header_end_ != 0 && header_end_ <= data->size() && data->data()[header_end_ - 1] != '\n') return;
+  if (header_end_ != 0 && header_end_ < data->size() && data->data()[header_end_ - 1] != '\n') return;
   output.writeln("", status);
 }
 
@@ -315,8 +306,8 @@ void Smtp_rfc1521_handler::write_base64(Vek_buffer& out, Vek_status& status) {
   }
 }
 
-void Smtp_rfc1521_handler::write_multipart(Vek_buffer& out, const std::string& boundary_text,
-                                           Vek_status& status) {
+void Smtp_rfc1521_handler::write_multipart(Vek_buffer& out, Vek_status& status) {
+  const std::string& boundary_text = boundary_text_;
   status.clear();
   Vek_ostream output(&out, status, vek_eol_crlf);
   if (!status.ok()) return;

@@ -185,9 +185,16 @@ TEST(Rebuild, Goldens) {
       // took its body from the middle of that line, and rebuild copies the
       // header up to there.
       {"header line too long for the reader",
-       crlf(mixed + parts("outer", {"X-Long: " + std::string(1200, 'a') + "|Content-Type: text/plain||text"})),
+       crlf(mixed +
+            parts("outer", {"X-Long: " + std::string(1200, 'a') + "|Content-Type: text/plain||text"})),
        {{"0.0", "new"}},
        crlf(mixed + "--outer|X-Long: " + std::string(smtp_max_header_line - 8, 'a') + "new|--outer--")},
+      // A header that runs to the part's end has no line end there; the
+      // new body goes behind a blank line all the same.
+      {"part header with no line end",
+       crlf(mixed + "--outer|Content-Type: text/html|--outer--"),
+       {{"0.0", "new"}},
+       crlf(mixed + "--outer|Content-Type: text/html||new|--outer--")},
       {"delimiter right behind a delimiter",
        crlf(mixed + "--outer|--outer||two|--outer--"),
        {{"0", "\r\nTWO"}},
