@@ -212,11 +212,13 @@ TEST_F(Tool_run, ExtractReplaceAndRebuildAPlainMessage) {
   std::ofstream(path("msg.eml"), std::ios::binary) << plain_message;
   ASSERT_EQ(smtpfm("extract " + path("msg.eml") + " -o " + path("out")), 0);
   // The body was cut at its uuencoded block: the block and what follows it
-  // is item 0, the text in front of it item 1.
+  // is item 0, the file decoded item 1 (hardened), the text in front of it
+  // item 2.
   EXPECT_EQ(read_bytes(path("out/0")), "begin 644 f.txt\r\n#86)C\r\n`\r\nend\r\nbye\r\n");
-  EXPECT_EQ(read_bytes(path("out/1")), "See below.\r\n");
+  EXPECT_EQ(read_bytes(path("out/1_f.txt")), "abc");
+  EXPECT_EQ(read_bytes(path("out/2")), "See below.\r\n");
   Json manifest = Json::parse(read_bytes(path("out/manifest.json")));
-  ASSERT_EQ(manifest["items"].size(), 2u);
+  ASSERT_EQ(manifest["items"].size(), 3u);
   EXPECT_EQ(manifest["items"][0]["properties"][0], Json::array({"ItemType", "AttachmentItem"}));
 
   std::ofstream(path("new.txt"), std::ios::binary) << "(removed)\r\n";
