@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <iomanip>
 #include <iostream>
 #include <map>
 #include <sstream>
@@ -58,6 +57,7 @@ std::vector<std::string> names_of(const Item_node& node) {
 }
 
 struct Outcome {
+  bool taken = false;    // the message was taken for mail
   bool payload = false;  // an item holds the attachment's bytes
   bool name = false;     // that item carries the file name
   uint64_t unexamined = 0;
@@ -78,6 +78,7 @@ class Profile {
   Outcome examine(const std::string& message, const std::string& payload, const std::string& name) const {
     Message_tree tree(*manager_, message, options_);
     Outcome outcome;
+    outcome.taken = tree.root().taken();
     tree.for_each([&](Item_node& node) {
       outcome.unexamined += unexamined_bytes(node);
       if (node.parent == nullptr || node.bytes() != payload) return;
@@ -98,7 +99,7 @@ struct Tally {
   int mails = 0;
   int payloads[2] = {0, 0};
   int names[2] = {0, 0};
-  int clean[2] = {0, 0};  // no unexamined text
+  int clean[2] = {0, 0};  // taken, and no unexamined text
 };
 
 TEST(Evasion, HardenedHandsTheHostEveryPayloadAndName) {
@@ -122,7 +123,7 @@ TEST(Evasion, HardenedHandsTheHostEveryPayloadAndName) {
       for (Tally* t : {&tally, &total}) {
         t->payloads[hardened] += outcome.payload;
         t->names[hardened] += outcome.name;
-        t->clean[hardened] += outcome.unexamined == 0;
+        t->clean[hardened] += outcome.taken && outcome.unexamined == 0;
       }
       if (!hardened) continue;
       EXPECT_TRUE(outcome.payload) << mail.file << ": the attachment never reaches the host";
@@ -132,13 +133,16 @@ TEST(Evasion, HardenedHandsTheHostEveryPayloadAndName) {
     }
   }
 
+  // Per family: the mails whose payload, whose name reached the host, and
+  // that were taken with nothing left unexamined.
   std::ostringstream table;
-  table << "family                   mails | reference: payload name clean | hardened: payload name clean\n";
+  table << "| family | mails | reference: payload | name | all examined | hardened: payload | name | all examined |\n"
+        << "|---|---:|---:|---:|---:|---:|---:|---:|\n";
   auto row = [&table](const std::string& family, const Tally& t) {
-    table << std::left << std::setw(24) << family << std::right << std::setw(6) << t.mails << " | "
-          << std::setw(19) << t.payloads[0] << std::setw(5) << t.names[0] << std::setw(6) << t.clean[0]
-          << " | " << std::setw(17) << t.payloads[1] << std::setw(5) << t.names[1] << std::setw(6)
-          << t.clean[1] << "\n";
+    table << "| " << family << " | " << t.mails;
+    for (int hardened : {0, 1})
+      table << " | " << t.payloads[hardened] << " | " << t.names[hardened] << " | " << t.clean[hardened];
+    table << " |\n";
   };
   for (const std::string& family : order) row(family, families[family]);
   row("all", total);
