@@ -1,6 +1,7 @@
 #include "manager/item_table.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 
 #include "codecs/uuencode.h"
@@ -90,7 +91,10 @@ uint32_t add_body(Vek_status& status, Smtp_item_list& items, std::vector<uint32_
   // as an attachment too, which is decoded where asked for.
   const bool is_text = vek_string_equal_nc(mime_type, "text");
   const bool may_cut = (type == smtp_item_body || type == smtp_item_added_body) && is_text;
-  const bool decode = decode_blocks && is_text && type != smtp_item_extra_reading;
+  // A text with no "begin" in it holds no file: where only decoding asks
+  // for a scan, that look spares it.
+  const bool decode = decode_blocks && is_text && type != smtp_item_extra_reading && buffer != nullptr &&
+                      (may_cut || memmem(buffer->data(), buffer->size(), "begin", 5) != nullptr);
   std::vector<std::unique_ptr<Smtp_block_record>> blocks;
   bool cut_found = false;
   uint64_t cut = 0;

@@ -87,10 +87,20 @@ void add_parameter_names(std::vector<Vek_wstring>& names, const std::vector<Smtp
   if (last != first) add_plain_name(names, *last);
 }
 
+// Whether `value` holds "name" in any case: a field without it names
+// nothing, and most fields (a text part's type, "inline") are such.
+bool may_hold_a_name(std::string_view value) {
+  for (size_t at = value.find_first_of("nN"); at != std::string_view::npos && value.size() - at >= 4;
+       at = value.find_first_of("nN", at + 1))
+    if (vek_string_equal_nc(value.substr(at, 4), "name")) return true;
+  return false;
+}
+
 // The names in one field, as the parser reads it and as a split at ';'
 // reads it, which keeps an unquoted name with blanks, parentheses or
 // tspecials whole.
 void add_field_names(std::vector<Vek_wstring>& names, const std::string& value, bool content_type) {
+  if (!may_hold_a_name(value)) return;
   const std::string_view attribute = content_type ? "name" : "filename";
   std::string head, type, subtype;
   std::vector<Smtp_header_field> parameters;

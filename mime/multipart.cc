@@ -67,7 +67,8 @@ void add_parameter_readings(std::vector<std::string>& readings,
     // Up to the first blank or comment, as a reader of tokens stops.
     const size_t stop = text.find_first_of(" \t(");
     if (stop != std::string::npos && stop != 0) add_reading(readings, text.substr(0, stop));
-    if (text.find("=?") != std::string::npos) {
+    const size_t word = text.find("=?");
+    if (word != std::string::npos && text.find("?=", word + 2) != std::string::npos) {
       Vek_wstring decoded;
       decode_encoded_words(text, decoded);
       add_reading(readings, vek_wtos(decoded));
@@ -92,6 +93,26 @@ void add_raw_quoted_readings(std::vector<std::string>& readings, std::string_vie
 }
 
 }  // namespace
+
+bool may_read_otherwise(const std::vector<std::string>& content_types) {
+  if (content_types.size() != 1) return content_types.size() > 1;
+  const std::string_view value = content_types.front();
+  if (value.find_first_of("*\\(") != std::string_view::npos || value.find("=?") != std::string_view::npos)
+    return true;
+  // A "boundary" parameter: the name behind a ';' and in front of an '='
+  // (a boundary value may hold the word itself).
+  constexpr std::string_view name = "boundary";
+  int parameters = 0;
+  for (size_t at = value.find(';'); at != std::string_view::npos; at = value.find(';', at + 1)) {
+    size_t i = at + 1;
+    while (i < value.size() && (value[i] == ' ' || value[i] == '\t')) ++i;
+    if (value.size() - i < name.size() || !vek_string_equal_nc(value.substr(i, name.size()), name)) continue;
+    i += name.size();
+    while (i < value.size() && (value[i] == ' ' || value[i] == '\t')) ++i;
+    if (i < value.size() && value[i] == '=' && ++parameters > 1) return true;
+  }
+  return false;
+}
 
 std::vector<std::string> boundary_readings(const std::vector<std::string>& content_types) {
   std::vector<std::string> readings;
@@ -161,8 +182,10 @@ void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item,
   status.clear();
   const uint64_t body_start = stream.tell();
   const Smtp_header_field* boundary_parameter = find_parameter(parameters_, "boundary");
+  // Most fields can be read one way only; the others are read every way.
   std::vector<std::string> readings;
-  if (profile_.every_boundary_reading) readings = boundary_readings(content_types);
+  if (profile_.every_boundary_reading && (boundary_parameter == nullptr || may_read_otherwise(content_types)))
+    readings = boundary_readings(content_types);
   if (boundary_parameter == nullptr) {
     // Without a boundary no part can be told; the body stays in `data`.
     item.log(33, 2, source_name_, Vek_status(smtp_multipart_without_boundary));
@@ -205,24 +228,57 @@ void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item,
   // the boundary as other readers read the parameter, and the prefix rule
   // of RFC 2046 where a line begins with a delimiter and goes on.
   std::vector<std::vector<Smtp_range>> seen{split.delimiters};
-  if (prefix_lines) add_other_reading(stream, body_start, boundary_text, true, seen);
+  if (prefix_lines) add_other_reading(stream, split, boundary_text, true, seen);
   for (const std::string& text : readings) {
     if (text == boundary_text) continue;
-    add_other_reading(stream, body_start, text, false, seen);
-    add_other_reading(stream, body_start, text, true, seen);
+    add_other_reading(stream, split, text, false, seen);
+    add_other_reading(stream, split, text, true, seen);
   }
 }
 
-void Smtp_rfc1521_handler::add_other_reading(Vek_istream& stream, uint64_t body_start,
+void Smtp_rfc1521_handler::add_other_reading(Vek_istream& stream, const Smtp_split& primary,
                                              const std::string& text, bool prefix,
                                              std::vector<std::vector<Smtp_range>>& seen) {
   Vek_status walk;
-  const Smtp_split other =
-      split_body(stream, body_start, Smtp_boundary(text, profile_.delimiter_padding, prefix), true, walk);
+  const Smtp_split other = split_body(stream, primary.body_start,
+                                      Smtp_boundary(text, profile_.delimiter_padding, prefix), true, walk);
   if (!walk.ok() || other.delimiters.empty()) return;
   if (std::find(seen.begin(), seen.end(), other.delimiters) != seen.end()) return;
   seen.push_back(other.delimiters);
+  if (only_nested_delimiters(primary, other)) return;
   add_split_records(other, false, walk);
+}
+
+// Whether every delimiter line of `other` that `primary` does not have is
+// one of a multipart part of `primary` by its own boundary: then `other`
+// cuts the body where the handler of that part cuts it, and shows the host
+// nothing new. (Mail often gives an inner multipart the outer boundary with
+// something behind it, which the prefix rule reads as the outer's.)
+bool Smtp_rfc1521_handler::only_nested_delimiters(const Smtp_split& primary, const Smtp_split& other) const {
+  const auto* bytes = reinterpret_cast<const char*>(data->data());
+  for (const Smtp_range& line : other.delimiters) {
+    if (std::binary_search(primary.delimiters.begin(), primary.delimiters.end(), line,
+                           [](const Smtp_range& a, const Smtp_range& b) { return a.offset < b.offset; }))
+      continue;
+    // The part of the primary reading that holds the line, and its boundary.
+    auto part =
+        std::upper_bound(primary.parts.begin(), primary.parts.end(), line.offset,
+                         [](uint64_t offset, const Smtp_range& range) { return offset < range.offset; });
+    size_t index = primary.parts.size();  // the unclosed last part
+    if (part != primary.parts.begin() && line.offset < (part - 1)->offset + (part - 1)->length)
+      index = static_cast<size_t>(part - primary.parts.begin()) - 1;
+    else if (primary.unclosed.length == 0 || line.offset < primary.unclosed.offset)
+      return false;
+    auto nested = std::find_if(nested_boundaries_.begin(), nested_boundaries_.end(),
+                               [index](const auto& entry) { return entry.first == index; });
+    if (nested == nested_boundaries_.end()) return false;
+    std::string_view text(bytes + line.offset, line.length);
+    while (!text.empty() && (text.front() == '\r' || text.front() == '\n')) text.remove_prefix(1);
+    while (!text.empty() && (text.back() == '\r' || text.back() == '\n')) text.remove_suffix(1);
+    bool closing = false;
+    if (!Smtp_boundary(nested->second, profile_.delimiter_padding).match_line(text, closing)) return false;
+  }
+  return true;
 }
 
 void Smtp_rfc1521_handler::add_other_type_readings(Vek_istream& stream, uint64_t body_start,
@@ -236,9 +292,11 @@ void Smtp_rfc1521_handler::add_other_type_readings(Vek_istream& stream, uint64_t
     Vek_status status;
     parse_content_type(repaired, type, subtype, parameters, status);
     if (!vek_string_equal_nc(type, "multipart")) continue;
+    Smtp_split none;
+    none.body_start = body_start;
     for (const std::string& text : boundary_readings({value})) {
-      add_other_reading(stream, body_start, text, false, seen);
-      add_other_reading(stream, body_start, text, true, seen);
+      add_other_reading(stream, none, text, false, seen);
+      add_other_reading(stream, none, text, true, seen);
     }
   }
 }
@@ -299,6 +357,15 @@ void Smtp_rfc1521_handler::add_split_records(const Smtp_split& split, bool prima
           // What the parser got before a failure counts.
           Vek_status parse_status;
           parse_content_type(value, part.type, part.subtype, part_parameters, parse_status);
+          // A multipart part's boundary tells which lines of other readings
+          // are its own.
+          if (primary && profile_.every_boundary_reading && vek_string_equal_nc(part.type, "multipart")) {
+            if (const Smtp_header_field* nested = find_parameter(part_parameters, "boundary")) {
+              std::string text = nested->value;
+              vek_trim(text);
+              nested_boundaries_.emplace_back(i, std::move(text));
+            }
+          }
           part_parameters.clear();
         } else if (vek_string_equal_nc(field.name, "Content-Transfer-Encoding")) {
           part.encoding = unfold_field_lines(field);

@@ -138,6 +138,7 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   parameters_.clear();
   file_names_.clear();
   boundary_text_.clear();
+  nested_boundaries_.clear();
   coverage_ = Smtp_coverage();
 
   Vek_buffered_istream stream(data, true, status, vek_eol_lf);

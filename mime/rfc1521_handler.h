@@ -132,8 +132,9 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
                         Vek_status& status) const;
   void add_split_records(const Smtp_split& split, bool primary, Vek_status& status);
   void add_text_outside_parts(uint64_t start, uint64_t end, Vek_status& status);
-  void add_other_reading(Vek_istream& stream, uint64_t body_start, const std::string& text, bool prefix,
+  void add_other_reading(Vek_istream& stream, const Smtp_split& primary, const std::string& text, bool prefix,
                          std::vector<std::vector<Smtp_range>>& seen);
+  bool only_nested_delimiters(const Smtp_split& primary, const Smtp_split& other) const;
   void add_other_type_readings(Vek_istream& stream, uint64_t body_start,
                                const std::vector<std::string>& content_types);
   void cover(const Smtp_range& range);
@@ -172,6 +173,8 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
   bool last_part_unclosed_ = false;
   // The boundary that split the body into its records; empty when none did.
   std::string boundary_text_;
+  // The boundaries of the multipart parts of that split, by part index.
+  std::vector<std::pair<size_t, std::string>> nested_boundaries_;
   // Which bytes of the body reach the host.
   Smtp_coverage coverage_;
   // Where the header block that set_data read ends in `data` (in front of
@@ -193,6 +196,11 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
 Fmg_handler_base* make_rfc1521_handler(const Vek_wstring& name,
                                        const std::vector<std::string>& export_headers, bool is_message,
                                        bool add_empty_body, const Smtp_profile& profile);
+
+// Whether these "Content-Type" values can give more than one boundary
+// reading: two fields, or a value with a comment, an RFC 2231 or RFC 2047
+// form, a quoted pair or two "boundary" parameters.
+bool may_read_otherwise(const std::vector<std::string>& content_types);
 
 // Every value that a reader may take for the boundary of a multipart
 // entity with these "Content-Type" values: the first and the last
