@@ -237,6 +237,13 @@ TEST(HardenedMultipart, EveryReadingOfTheBody) {
        mime_test::message("multipart/mixed; boundary=b", "--b||one|--b x||two|--b--"),
        {"+one", "+two", "one|--b x||two"},
        {"one|--b x||two"}},
+      // The prefix rule cuts the outer body where the inner one cuts by its
+      // own boundary: nothing new.
+      {"an inner boundary that begins with the outer one",
+       mime_test::message("multipart/mixed; boundary=b",
+                          "--b|Content-Type: multipart/alternative; boundary=b1||--b1||one|--b1--|--b--"),
+       {"one"},
+       {"one"}},
       {"the parts behind the signed one",
        mime_test::message("multipart/signed; boundary=s", "--s||signed|--s||SIG|--s--"),
        {"+SIG", "signed"},
