@@ -93,8 +93,9 @@ uint32_t add_body(Vek_status& status, Smtp_item_list& items, std::vector<uint32_
   const bool may_cut = (type == smtp_item_body || type == smtp_item_added_body) && is_text;
   // A text with no "begin" in it holds no file: where only decoding asks
   // for a scan, that look spares it.
-  const bool decode = decode_blocks && is_text && type != smtp_item_extra_reading && buffer != nullptr &&
-                      (may_cut || memmem(buffer->data(), buffer->size(), "begin", 5) != nullptr);
+  const bool decode =
+      decode_blocks && is_text && type != smtp_item_extra_reading && buffer != nullptr &&
+      (may_cut || (buffer->size() != 0 && memmem(buffer->data(), buffer->size(), "begin", 5) != nullptr));
   std::vector<std::unique_ptr<Smtp_block_record>> blocks;
   bool cut_found = false;
   uint64_t cut = 0;
