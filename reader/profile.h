@@ -41,10 +41,11 @@ struct Smtp_profile {
   // "begin" line the reference takes into the last field, which then makes
   // the header no header. Every common client shows such a message. And
   // white space in front of a field's colon ("Content-Type : ...", RFC
-  // 822's syntax, obsolete in RFC 5322) names an ordinary field, as
-  // Thunderbird, Apple Mail and Python's email package read it; the
-  // reference keeps such a line as "Bad-Header", so a Content-Type or a
-  // transfer encoding written so is lost.
+  // 822's syntax, obsolete in RFC 5322, section 4.5) names an ordinary
+  // field, as a reader of RFC 822 takes it and Thunderbird, which trims the
+  // name in front of the colon, reads it; the reference keeps such a line
+  // as "Bad-Header", so a Content-Type or a transfer encoding written so
+  // is lost.
   Smtp_line_rules header_lines;
   // Raw 8-bit text in the Subject that is valid UTF-8 is published as
   // UTF-8 (RFC 6532), as every client shows it; the reference widens it
@@ -68,10 +69,11 @@ struct Smtp_profile {
   // Text of a multipart body that lies in no part (a preamble, an
   // epilogue, a body that no delimiter line cuts or that names no
   // boundary) reaches the host as a text item of its own where it holds
-  // more than white space (an extra reading, never written back). Apple
-  // Mail and Thunderbird show a body that no delimiter cuts as text, and a
-  // preamble or epilogue is where a sender puts text that some client
-  // shows; the reference hands the host none of it.
+  // more than white space (an extra reading, never written back). A
+  // client that cannot split a multipart falls back to showing its body as
+  // text, and a preamble or an epilogue is text the sender wrote, which
+  // RFC 2046 asks readers to ignore and a reader that keeps it shows; the
+  // reference hands the host none of it.
   bool text_outside_parts = false;
   // Readers differ on the boundary of a multipart: the first or the last
   // of two "boundary" parameters, of two Content-Type fields, a value
@@ -87,15 +89,17 @@ struct Smtp_profile {
   bool every_boundary_reading = false;
   // The parts of a multipart/signed entity behind the signed one (the
   // signature, and whatever else a sender put there) reach the host as
-  // extra readings: Thunderbird and Apple Mail list such parts as
-  // attachments; the reference shows the signed part alone.
+  // extra readings: a client shows the signature as an attachment where it
+  // does not verify it, and any part beside it; the reference shows the
+  // signed part alone.
   bool every_part_of_signed = false;
   // The body of an encrypted entity (multipart/encrypted, S/MIME
   // enveloped data, a PKCS #7 object of unknown kind) reaches the host as
   // it reaches it from any entity, its parts or its decoded bytes, as
-  // extra readings that cannot be replaced. Gmail and Thunderbird offer
-  // "smime.p7m" and "encrypted.asc" as attachments they cannot open, and a
-  // sender can label any content so; the reference gives the host nothing.
+  // extra readings that cannot be replaced. A client without the key
+  // offers the enciphered part as an attachment (Gmail's web view shows
+  // "smime.p7m" so), and a sender can label any content encrypted; the
+  // reference gives the host nothing.
   bool encrypted_content_offered = false;
 
   // -- Types, transfer encodings and file names -----------------------------
@@ -180,9 +184,10 @@ struct Smtp_profile {
   bool quoted_printable_as_clients_decode = false;
   // A "=" with only blanks behind it on its line (or a bare LF) is a soft
   // line break: RFC 2045 (section 6.7, rule 3) says such blanks were added
-  // in transit and go, and Thunderbird and Python's email package read it
-  // so. The reference keeps the "=" and the blanks and the line break in
-  // the data, which changes every byte behind them for the host.
+  // in transit and go, and Python's email package strips them before it
+  // looks for the "=". The reference keeps the "=", the blanks and the
+  // line break in the data, which changes every byte behind them for the
+  // host.
   bool quoted_printable_padded_breaks = false;
   // An RFC 1505 "Encoding" field that is empty or does not parse leaves
   // the whole body as one text part; the reference leaves the message with
