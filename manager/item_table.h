@@ -17,9 +17,11 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "contracts/vek.h"
+#include "encoding/block_scanner.h"
 #include "manager/handler_base.h"
 
 // Record types.
@@ -30,6 +32,12 @@ inline constexpr uint32_t smtp_item_attachment = 4;  // an attachment, or the bo
 inline constexpr uint32_t smtp_item_block_rest = 5;  // a text body from its first encoded block on
 inline constexpr uint32_t smtp_item_extra_reading =
     6;  // another reading of bytes that another record holds: for the host to classify, never written back
+
+// The property (a bool, true) that marks the sub-item of an extra reading
+// for the host: its bytes are another reading of the entity's, which no
+// rebuild writes back, so a host that counts items or replaces them can
+// tell it from the items it may change.
+inline constexpr std::u16string_view smtp_alternate_reading = u"AlternateReading";
 
 // A length or line count that is not known (after a replacement).
 inline constexpr uint32_t smtp_unknown_count = 0xFFFFFFFF;
@@ -58,6 +66,9 @@ class Smtp_item_record {
   uint32_t line_count;
   // The host replaced the data.
   bool modified = false;
+  // The data are the raw text of a part of a multipart reading, its header
+  // included, which the host opens as an entity of its own.
+  bool part = false;
   // The data, owned; may view the handler's `data`.
   std::unique_ptr<Vek_buffer> buffer;
   // Upper-case field name of a header record; else empty.
@@ -118,7 +129,17 @@ uint32_t add_counted_record(Smtp_item_list& items, uint32_t type, std::unique_pt
 uint32_t add_body(Vek_status& status, Smtp_item_list& items, std::vector<uint32_t>& item_order,
                   std::unique_ptr<Vek_buffer> buffer, const std::string& mime_type,
                   const std::string& mime_subtype, const std::string& encoding, uint32_t type,
-                  bool pass_long_lines = false);
+                  bool pass_long_lines = false, bool decode_blocks = false);
+
+// Each uuencoded file that the block scanner finds in `text` from `start`
+// on (closed by "end", with no private alphabet), decoded, as an extra
+// reading named by its "begin" line; with `decode_blocks` in add_body, the
+// files of every text record, body or attachment. Nothing is cut.
+void add_decoded_blocks(Smtp_item_list& items, std::vector<uint32_t>& item_order, const Vek_buffer& text,
+                        uint64_t start, bool pass_long_lines);
+// The same for the blocks a scan of `text` found already.
+void add_decoded_files(Smtp_item_list& items, std::vector<uint32_t>& item_order, const Vek_buffer& text,
+                       const std::vector<std::unique_ptr<Smtp_block_record>>& blocks);
 
 // Number of lines from `start` up to the first line that ends at or behind
 // `end`; a last line without a line end counts. Read failures end the
