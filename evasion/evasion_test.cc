@@ -1,6 +1,7 @@
-// The evasion corpus through the host library: every mail hides the same
-// attachment behind tricks that a common mail client sees through. In the
-// hardened profile the attachment's bytes must reach the host as an item,
+// The evasion corpus through the host library, with smtp.so and uue.so as
+// smtpfm loads them: every mail hides the same attachment behind tricks
+// that a common mail client sees through. In the hardened profile the
+// attachment's bytes must reach the host as an item,
 // under its file name (ItemName or an ItemAlternateName of that item), and
 // no entity may keep text that no item holds. The reference profile's
 // counts are printed beside the hardened ones, family by family.
@@ -69,14 +70,13 @@ class Profile {
     options_.module_path = SMTPFM_MODULE_PATH;
     options_.hardened = hardened;
     std::string error;
-    library_ = Plugin_library::load(options_, error);
-    if (library_ == nullptr) throw std::runtime_error(error);
-    manager_.reset(library_->create_manager(options_, error));
-    if (manager_ == nullptr) throw std::runtime_error(error);
+    plugins_ = Host_plugins::load(options_, error);
+    if (plugins_ == nullptr || !plugins_->create_managers(options_, managers_, error))
+      throw std::runtime_error(error);
   }
 
   Outcome examine(const std::string& message, const std::string& payload, const std::string& name) const {
-    Message_tree tree(*manager_, message, options_);
+    Message_tree tree(managers_, message, options_);
     Outcome outcome;
     outcome.taken = tree.root().taken();
     tree.for_each([&](Item_node& node) {
@@ -91,8 +91,8 @@ class Profile {
 
  private:
   Host_options options_;
-  std::unique_ptr<Plugin_library> library_;
-  Manager_ptr manager_;
+  std::unique_ptr<Host_plugins> plugins_;
+  Format_managers managers_;  // released before the plug-ins unload
 };
 
 struct Tally {

@@ -1,10 +1,8 @@
 #include "manager/item_table.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 
-#include "codecs/uuencode.h"
 #include "encoding/block_scanner.h"
 
 namespace {
@@ -80,39 +78,26 @@ uint32_t add_counted_record(Smtp_item_list& items, uint32_t type, std::unique_pt
 uint32_t add_body(Vek_status& status, Smtp_item_list& items, std::vector<uint32_t>& item_order,
                   std::unique_ptr<Vek_buffer> buffer, const std::string& mime_type,
                   const std::string& mime_subtype, const std::string& encoding, uint32_t type,
-                  bool pass_long_lines, bool decode_blocks) {
+                  bool pass_long_lines) {
   uint32_t result = 0;
   Smtp_block_scanner scanner(pass_long_lines);
   Vek_buffered_istream stream(buffer.get(), true, status, vek_eol_crlf);
   if (!status.ok()) return result;
 
   // Only text can hide a block; an attachment that is a uuencoded file is
-  // already an item of its own. Clients show each uuencoded file in a text
-  // as an attachment too, which is decoded where asked for.
-  const bool is_text = vek_string_equal_nc(mime_type, "text");
-  const bool may_cut = (type == smtp_item_body || type == smtp_item_added_body) && is_text;
-  // A text with no "begin" in it holds no file: where only decoding asks
-  // for a scan, that look spares it.
-  const bool decode =
-      decode_blocks && is_text && type != smtp_item_extra_reading && buffer != nullptr &&
-      (may_cut || (buffer->size() != 0 && memmem(buffer->data(), buffer->size(), "begin", 5) != nullptr));
-  std::vector<std::unique_ptr<Smtp_block_record>> blocks;
+  // already an item of its own.
   bool cut_found = false;
   uint64_t cut = 0;
-  if ((may_cut || decode) && scanner.scan(stream)) {
+  if ((type == smtp_item_body || type == smtp_item_added_body) && vek_string_equal_nc(mime_type, "text") &&
+      scanner.scan(stream)) {
     while (auto block = scanner.next_block()) {
-      if (!block->encoded) continue;
-      if (may_cut && !cut_found) {
+      if (block->encoded) {
         cut = block->begin_position;
         cut_found = true;
+        break;
       }
-      if (!decode) break;
-      blocks.push_back(std::move(block));
     }
   }
-  // Behind the records of the text (the buffer stays live in them or here
-  // until the end).
-  const Vek_buffer* text = buffer.get();
 
   if (cut_found) {
     // The text in front of the block stays the body; the block and all
@@ -134,7 +119,6 @@ uint32_t add_body(Vek_status& status, Smtp_item_list& items, std::vector<uint32_
         item_order.push_back(index);
       }
     }
-    if (status.ok()) add_decoded_files(items, item_order, *text, blocks);
     return result;
   }
 
@@ -145,47 +129,8 @@ uint32_t add_body(Vek_status& status, Smtp_item_list& items, std::vector<uint32_
   if (status.ok()) {
     result = index;
     item_order.push_back(result);
-    add_decoded_files(items, item_order, *text, blocks);
   }
   return result;
-}
-
-void add_decoded_blocks(Smtp_item_list& items, std::vector<uint32_t>& item_order, const Vek_buffer& text,
-                        uint64_t start, bool pass_long_lines) {
-  Vek_status status;
-  Vek_buffered_istream stream(&text, true, status, vek_eol_crlf);
-  if (!status.ok()) return;
-  stream.seek(start);
-  Smtp_block_scanner scanner(pass_long_lines);
-  if (!scanner.scan(stream)) return;
-  std::vector<std::unique_ptr<Smtp_block_record>> blocks;
-  while (auto block = scanner.next_block())
-    if (block->encoded) blocks.push_back(std::move(block));
-  add_decoded_files(items, item_order, text, blocks);
-}
-
-void add_decoded_files(Smtp_item_list& items, std::vector<uint32_t>& item_order, const Vek_buffer& text,
-                       const std::vector<std::unique_ptr<Smtp_block_record>>& blocks) {
-  const std::string_view bytes(reinterpret_cast<const char*>(text.data()), text.size());
-  for (const auto& block : blocks) {
-    // Files of one section in the common alphabet; the others are left to
-    // the host, which has their lines.
-    if (block->has_table() || block->section != 1 || block->end_position < block->data_start ||
-        block->end_position > bytes.size())
-      continue;
-    Vek_status status;
-    auto decoded = std::make_unique<Vek_page_buffer>(0, 128);
-    Vek_ostream out(decoded.get(), status, vek_eol_crlf);
-    if (!status.ok()) return;
-    decode_uuencoded(bytes.substr(block->data_start, block->end_position - block->data_start), block->column,
-                     out, status);
-    out.detach();
-    if (!status.ok()) return;
-    const auto length = static_cast<uint32_t>(std::min<uint64_t>(decoded->size(), smtp_unknown_count - 1));
-    const uint32_t index = add_item_record(items, smtp_item_extra_reading, std::move(decoded), length,
-                                           "application", "octet-stream", "x-uuencode", block->name);
-    item_order.push_back(index);
-  }
 }
 
 uint32_t count_lines(Vek_istream& stream, uint64_t start, uint64_t end) {

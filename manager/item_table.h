@@ -21,7 +21,6 @@
 #include <vector>
 
 #include "contracts/vek.h"
-#include "encoding/block_scanner.h"
 #include "manager/handler_base.h"
 
 // Record types.
@@ -129,17 +128,7 @@ uint32_t add_counted_record(Smtp_item_list& items, uint32_t type, std::unique_pt
 uint32_t add_body(Vek_status& status, Smtp_item_list& items, std::vector<uint32_t>& item_order,
                   std::unique_ptr<Vek_buffer> buffer, const std::string& mime_type,
                   const std::string& mime_subtype, const std::string& encoding, uint32_t type,
-                  bool pass_long_lines = false, bool decode_blocks = false);
-
-// Each uuencoded file that the block scanner finds in `text` from `start`
-// on (closed by "end", with no private alphabet), decoded, as an extra
-// reading named by its "begin" line; with `decode_blocks` in add_body, the
-// files of every text record, body or attachment. Nothing is cut.
-void add_decoded_blocks(Smtp_item_list& items, std::vector<uint32_t>& item_order, const Vek_buffer& text,
-                        uint64_t start, bool pass_long_lines);
-// The same for the blocks a scan of `text` found already.
-void add_decoded_files(Smtp_item_list& items, std::vector<uint32_t>& item_order, const Vek_buffer& text,
-                       const std::vector<std::unique_ptr<Smtp_block_record>>& blocks);
+                  bool pass_long_lines = false);
 
 // Number of lines from `start` up to the first line that ends at or behind
 // `end`; a last line without a line end counts. Read failures end the

@@ -45,9 +45,9 @@ void Smtp_rfc822_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_statu
   // The body of a message is text whatever it looks like; the body of an
   // item that is no message of its own is an attachment and is never cut.
   auto body_view = std::make_unique<Vek_sub_buffer>(data, body_offset_, vek_to_end);
-  table_.body_index = add_body(status, table_.items, table_.item_order, std::move(body_view), "text", "plain",
-                               "7bit", is_message_ ? smtp_item_body : smtp_item_attachment,
-                               profile_.blocks_past_long_lines, profile_.uuencoded_files_decoded);
+  table_.body_index =
+      add_body(status, table_.items, table_.item_order, std::move(body_view), "text", "plain", "7bit",
+               is_message_ ? smtp_item_body : smtp_item_attachment, profile_.blocks_past_long_lines);
   if (status.ok()) coverage_.cover(body_offset_, data->size());
 
   // Moving the body to the end puts it behind the rest of a cut body, so the

@@ -123,8 +123,7 @@ TEST(HardenedNames, ContentAsClientsReadIt) {
        "Content-Type: application/octet-stream; name=u.bin|"
        "Content-Transfer-Encoding: x-uuencode",
        "begin 644 inner.exe|#34UZ|`|end",
-       "application/octet-stream [inner.exe] MMz + application/octet-stream [u.bin|inner.exe] begi",
-       "application/octet-stream [u.bin] begi"},
+       "application/octet-stream [u.bin|inner.exe] begi", "application/octet-stream [u.bin] begi"},
   };
   for (const Case& c : cases) {
     const std::string text = single(c.headers, c.body);
@@ -264,10 +263,6 @@ TEST(HardenedMultipart, EveryReadingOfTheBody) {
        mime_test::message("text/plain|Content-Transfer-Encoding: quoted-printable", "a= |b"),
        {"ab|"},
        {"a= |b|"}},
-      {"a uuencoded file in a text attachment",
-       mime_test::message("text/plain|Content-Disposition: attachment", "see|begin 644 f|#86)C|`|end"),
-       {"begin 644 f|#86)C|`|end|", "+abc", "see|"},
-       {"begin 644 f|#86)C|`|end|", "see|"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -284,9 +279,8 @@ TEST(HardenedHeaders, UuencodedFileRightBehindTheHeader) {
   EXPECT_FALSE(mime_test::plugin().open(text)->root().taken());
   auto tree = hardened_plugin().open(text);
   ASSERT_TRUE(tree->root().taken());
-  // Its lines, then the file decoded, as an extra reading.
+  // Its lines, for the host's uuencode format manager to decode.
   EXPECT_EQ(std::string(tree->find("0")->bytes()), crlf("begin 644 evil.exe|#34UZ|`|end"));
-  EXPECT_EQ(std::string(tree->find("1")->bytes()), "MMz");
   std::string out, error;
   ASSERT_TRUE(tree->replace(*tree->find("0"), "removed\r\n", error)) << error;
   ASSERT_TRUE(tree->rebuild(out, error)) << error;

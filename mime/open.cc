@@ -280,17 +280,12 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
       // it as a file of its own, as an encoding would.
       auto body = std::make_unique<Vek_sub_buffer>(data, stream.tell(), vek_to_end);
       const uint32_t type = record_type(is_message_);
-      uint32_t index =
-          add_body(status, table_.items, table_.item_order, std::move(body), mime_type_, mime_subtype_,
-                   encoding_, type, profile_.blocks_past_long_lines, profile_.uuencoded_files_decoded);
+      uint32_t index = add_body(status, table_.items, table_.item_order, std::move(body), mime_type_,
+                                mime_subtype_, encoding_, type, profile_.blocks_past_long_lines);
       if (status.ok()) {
         if (type == smtp_item_body) table_.body_index = index;
         coverage_.cover(body_start, data->size());
       }
-      // A body in the uuencode family is the file of its "begin" line.
-      if (status.ok() && profile_.uuencoded_files_decoded && is_uuencode(encoding_))
-        add_decoded_blocks(table_.items, table_.item_order, *data, body_start,
-                           profile_.blocks_past_long_lines);
     }
     // Clients that read another Content-Type field may take the body for
     // a multipart and show its parts.
@@ -345,7 +340,7 @@ void Smtp_rfc1521_handler::decode_quoted_printable_body(Vek_istream& stream, Fmg
     const uint32_t type = record_type(is_body);
     uint32_t index =
         add_body(status, table_.items, table_.item_order, std::move(decoded), mime_type_, mime_subtype_,
-                 "quoted-printable", type, profile_.blocks_past_long_lines, profile_.uuencoded_files_decoded);
+                 "quoted-printable", type, profile_.blocks_past_long_lines);
     if (status.ok()) {
       if (type == smtp_item_body) table_.body_index = index;
       coverage_.cover(start, size);
@@ -388,7 +383,7 @@ void Smtp_rfc1521_handler::decode_base64_body(Vek_istream& stream, Fmg_item& ite
     const uint32_t type = record_type(is_body);
     uint32_t index =
         add_body(status, table_.items, table_.item_order, std::move(decoded), mime_type_, mime_subtype_,
-                 "quoted-printable", type, profile_.blocks_past_long_lines, profile_.uuencoded_files_decoded);
+                 "quoted-printable", type, profile_.blocks_past_long_lines);
     if (!status.ok()) return;
     if (type == smtp_item_body) table_.body_index = index;
     coverage_.cover(start, reading.data_end);

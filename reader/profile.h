@@ -141,9 +141,9 @@ struct Smtp_profile {
   // "\"base64\"", "base64;") counts by its first word, and a body in the
   // uuencode family ("x-uuencode", "uuencode", "x-uue") stays raw, with the
   // file name of its "begin" line among its names (where the block scanner
-  // finds a frame). Thunderbird reads the first word and decodes uuencode
-  // under the begin line's name; the reference drops a body whose encoding
-  // does not parse.
+  // finds a frame), for the host's uuencode format manager to decode.
+  // Thunderbird reads the first word and decodes uuencode under the begin
+  // line's name; the reference drops a body whose encoding does not parse.
   bool transfer_encoding_by_first_word = false;
   // Of two Content-Transfer-Encoding fields the reference reads the last;
   // Thunderbird and Python's email package read the first. Where the first
@@ -170,14 +170,10 @@ struct Smtp_profile {
   // The search for uuencoded blocks in a text body goes on behind a line
   // of more than 1024 bytes, which the reference takes for the end of any
   // text an encoder wrote; a block behind such a line stayed inside one
-  // text item. Thunderbird and Outlook find the block all the same.
+  // text item. Thunderbird and Outlook find the block all the same. (The
+  // block goes to the host encoded, as every block does: decoding it is
+  // the host's uuencode format manager's work.)
   bool blocks_past_long_lines = false;
-  // Each uuencoded file in a text body (and a body in the uuencode
-  // transfer encoding) also reaches the host decoded, as an extra reading
-  // named by its "begin" line. Thunderbird and Outlook show such a file as
-  // an attachment under that name; the reference hands the host the
-  // encoded lines only, which no policy on file types reads.
-  bool uuencoded_files_decoded = false;
   // A quoted-printable body whose data end inside an escape ("...=4" or a
   // last "=") is decoded with the unfinished escape as it stands; the fault
   // is logged. Clients show such a body; the reference drops it whole.
@@ -234,7 +230,6 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
   p.base64_as_clients_decode = true;
   p.base64_past_padding = true;
   p.blocks_past_long_lines = true;
-  p.uuencoded_files_decoded = true;
   p.quoted_printable_as_clients_decode = true;
   p.quoted_printable_padded_breaks = true;
   p.unreadable_encoding_body_whole = true;
