@@ -417,7 +417,7 @@ TEST_F(Tool_run, ScanCountsAndWritesJsonLines) {
   EXPECT_EQ(read_bytes(path("refused.txt")),
             path("box.mbox") + "#2: its first line is no header field (\"Name: value\") (line 1: \"not mail at all\")\n" +
                 hostile("not-mail.eml") +
-                ": its first line is no header field (\"Name: value\") (line 1: \"GIF89a\\x01\\x00\\x01\\x00 this is no "
+                ": its first line is no header field (\"Name: value\") (line 1: \"GIF89a\\x01\\x00\\x01\\x00\\x80 this is no "
                 "mail at all\")\n");
 }
 

@@ -122,6 +122,8 @@ std::string property_text(const Tav_property& property) {
   }
 }
 
+std::string json_line(const Json& document) { return document.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
 Json tree_json(Message_tree& tree, const std::string& file) {
   Json document;
   document["file"] = file;

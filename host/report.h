@@ -27,6 +27,9 @@ inline const char* profile_name(const Host_options& options) {
 }
 // The JSON document of one message; `modified` asks each handler.
 Json tree_json(Message_tree& tree, const std::string& file);
+// A document on one line; bytes that are no UTF-8 (in a file name, in the
+// line that made a message no mail) are written as U+FFFD.
+std::string json_line(const Json& document);
 // The indented text tree of one message.
 std::string tree_text(Message_tree& tree, const std::string& file);
 // The body text of a node that no sub-item holds, and its byte count.

@@ -316,7 +316,7 @@ int run_scan(const Host_options& options, const std::vector<std::string>& paths,
         Message_tree tree(managers, std::move(message->bytes), options);
         count_tree(tree, mine);
         Scan_lines lines;
-        if (json_out != nullptr) lines.document = tree_json(tree, message->name).dump() + "\n";
+        if (json_out != nullptr) lines.document = json_line(tree_json(tree, message->name)) + "\n";
         if (refused_out != nullptr && !tree.root().taken()) lines.refused = refused_line(tree, message->name);
         writer.write(message->sequence, std::move(lines));
         ++done;

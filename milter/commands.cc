@@ -118,7 +118,7 @@ void run_check(const Host_options& options, const std::string& policy_path, cons
       continue;
     }
     Evaluation evaluation = evaluate_bytes(policy, session, std::move(bytes), passed_on);
-    report << (json ? evaluation_json(file, evaluation).dump() + "\n" : evaluation_text(file, evaluation));
+    report << (json ? json_line(evaluation_json(file, evaluation)) + "\n" : evaluation_text(file, evaluation));
     report.flush();
     if (write.empty()) continue;
     if (!evaluation.passes()) fail(file + ": refused, nothing to write");
