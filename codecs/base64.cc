@@ -127,7 +127,8 @@ const bool have_avx2 = [] {
 // The decoder's state: it outlives a line, since a group of four
 // characters may be spread over several.
 struct Decoder {
-  Decoder(Vek_ostream& out, bool lenient) : out(out), lenient(lenient) {}
+  Decoder(Vek_ostream& out, bool lenient, bool past_padding)
+      : out(out), lenient(lenient), past_padding(lenient && past_padding) {}
 
   // Writes out the buffer; false, with `failure` set, if that fails.
   bool flush() {
@@ -189,8 +190,16 @@ struct Decoder {
       } else if (value == end_of_line) {
         break;
       } else if (value == end_of_data) {
-        if (!lenient || group >= 2) return padding;
-        irregular = true;
+        if (past_padding && group >= 2) {
+          // The group ends here with the bytes it gave; the next begins
+          // behind the padding.
+          group = 0;
+        } else if (!lenient || group >= 2) {
+          stopped_at = p;
+          return padding;
+        } else {
+          irregular = true;
+        }
       } else if (value == invalid) {
         if (!lenient) return bad_byte;
         irregular = true;
@@ -201,6 +210,9 @@ struct Decoder {
 
   Vek_ostream& out;
   const bool lenient;
+  const bool past_padding;
+  // Behind the "=" that ended the data, once one has.
+  const uint8_t* stopped_at = nullptr;
   // Lenient decoding passed over something that strict decoding refuses.
   bool irregular = false;
   // On the stack: a body per part, and many parts are small, so a block
@@ -216,15 +228,26 @@ struct Decoder {
 
 uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64_t length,
                        Vek_status& status, bool lenient) {
+  Smtp_base64_reading reading;
+  reading.lenient = lenient;
+  return decode_base64(in, out, start, length, status, reading);
+}
+
+uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64_t length, Vek_status& status,
+                       Smtp_base64_reading& reading) {
   status.clear();
+  const bool lenient = reading.lenient;
+  reading.data_end = start;
   in.seek(0, static_cast<int64_t>(std::min<uint64_t>(start, INT64_MAX)), status);
   if (!status.ok()) return out.tell();
   const uint64_t stop_at = length > UINT64_MAX - start ? UINT64_MAX : start + length;
-  Decoder decoder(out, lenient);
+  Decoder decoder(out, lenient, reading.past_padding);
   Decoder::Stop stop = Decoder::go_on;
   bool data_ended = true;  // false when decoding stopped for another reason
   std::string_view line;
+  uint64_t line_start = start;
   while (stop == Decoder::go_on && in.tell() < stop_at) {
+    line_start = in.tell();
     in.readln_view(line_limit, line, status);
     bool last = false;
     if (status == vek_line_too_long) {
@@ -248,6 +271,14 @@ uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64
     const auto* p = reinterpret_cast<const uint8_t*>(line.data());
     stop = decoder.line(p, p + line.size());
     if (last) break;
+  }
+  reading.data_end = in.tell();
+  if (stop == Decoder::padding && decoder.stopped_at != nullptr) {
+    // Behind the padding and any "=" that follows it on its line.
+    const auto* p = reinterpret_cast<const uint8_t*>(line.data());
+    size_t at = static_cast<size_t>(decoder.stopped_at - p);
+    while (at < line.size() && line[at] == '=') ++at;
+    reading.data_end = line_start + at;
   }
   if (stop == Decoder::bad_byte) {
     status = smtp_bad_base64;

@@ -31,6 +31,20 @@ inline constexpr size_t smtp_base64_line_bytes = 57;
 uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64_t length,
                        Vek_status& status, bool lenient = false);
 
+// How decode_base64 reads, and where the data it read ended.
+struct Smtp_base64_reading {
+  // As the `lenient` above.
+  bool lenient = false;
+  // With `lenient`: a padding ends its group but not the data, which go on
+  // behind it, as runs of Base64 put one behind the other decode.
+  bool past_padding = false;
+  // Set by the decoder: where the data ended in `in`, behind the "=" run
+  // that ended them, or where reading stopped.
+  uint64_t data_end = 0;
+};
+uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64_t length, Vek_status& status,
+                       Smtp_base64_reading& reading);
+
 // Encodes `length` bytes of `in` from its position onto `out`, in lines of
 // 76 characters, each ended with `out`'s writeln. A stream that ends
 // before `length` bytes gives smtp_base64_encoder_end.

@@ -66,6 +66,37 @@ TEST(Base64, Decode) {
       decode_leniently);
 }
 
+// Where the data that a padding ends stop (behind its "=" run, on its
+// line), and the reading that goes on behind each padding, as runs put one
+// behind the other decode.
+TEST(Base64, DataEndAndRunsPastPadding) {
+  const struct {
+    const char* name;
+    std::string in;
+    bool past_padding;
+    std::string want;
+    uint64_t data_end;
+  } cases[] = {
+      {"padding: behind its = run", "QQ==\r\nQUJD", false, "A", 4},
+      {"padding mid-line", "QUI=QUJD", false, "AB", 4},
+      {"no padding: where reading stopped", "QUJD\r\nQUJD", false, "ABCABC", 10},
+      {"runs joined", "QQ==\r\nQUI=QUJD", true, "AABABC", 14},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Smtp_base64_reading reading;
+    reading.lenient = true;
+    reading.past_padding = c.past_padding;
+    const Outcome got = codec_test::decode(
+        [&](Vek_istream& is, Vek_ostream& os, uint64_t start, uint64_t length, Vek_status& status) {
+          return decode_base64(is, os, start, length, status, reading);
+        },
+        c.in);
+    EXPECT_EQ(got.out, c.want);
+    EXPECT_EQ(reading.data_end, c.data_end);
+  }
+}
+
 TEST(Base64, EveryByteInsideALongLine) {
   // Long lines go through a faster path in blocks; each byte must still
   // take its table entry there, at the start, middle and end of a block.

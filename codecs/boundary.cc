@@ -50,7 +50,30 @@ void drop_trailing_spaces(std::string_view& text) {
 Smtp_boundary::Smtp_boundary(std::string text, bool transport_padding)
     : text_(std::move(text)), tolerant_(is_tolerant(text_)), transport_padding_(transport_padding) {}
 
+Smtp_boundary::Smtp_boundary(std::string text, bool transport_padding, bool prefix)
+    : Smtp_boundary(std::move(text), transport_padding) {
+  prefix_ = prefix;
+}
+
+bool Smtp_boundary::match_prefix(std::string_view line, bool& closing) const {
+  if (text_.empty() || line.size() < text_.size() + 2 || !line.starts_with(dashes) ||
+      line.substr(2, text_.size()) != text_)
+    return false;
+  closing = line.substr(2 + text_.size(), 2) == dashes;
+  return true;
+}
+
 bool Smtp_boundary::match_line(std::string_view line, bool& closing) const {
+  if (match_padded(line, closing)) return true;
+  if (prefix_) return match_prefix(line, closing);
+  if (prefix_seen_ != nullptr && !*prefix_seen_) {
+    bool ignored = false;
+    if (match_prefix(line, ignored)) *prefix_seen_ = true;
+  }
+  return false;
+}
+
+bool Smtp_boundary::match_padded(std::string_view line, bool& closing) const {
   if (match_unpadded(line, closing)) return true;
   if (!transport_padding_) return false;
   //   transport-padding := *LWSP-char

@@ -17,6 +17,16 @@ class Smtp_boundary {
   // `transport_padding`, spaces and tabs at the end of a line are dropped
   // first, as RFC 2046 (section 5.1.1) allows behind every delimiter.
   explicit Smtp_boundary(std::string text, bool transport_padding = false);
+  // With `prefix`, a line that begins with "--" and the boundary is a
+  // delimiter too, whatever follows (RFC 2046, section 5.1.1: "it is
+  // sufficient that the boundary appear in its entirety following the
+  // CRLF"); it closes where "--" follows the boundary.
+  Smtp_boundary(std::string text, bool transport_padding, bool prefix);
+
+  // Sets `*seen` (never clears it) whenever match_line refuses a line that
+  // the prefix rule would take; null stops the watch. Copies of the
+  // boundary share the watch.
+  void watch_prefix_lines(bool* seen) { prefix_seen_ = seen; }
 
   // True if `line` (without its line end) is a delimiter of this boundary;
   // sets `closing` for a closing delimiter, clears it for a line of the
@@ -27,11 +37,15 @@ class Smtp_boundary {
   bool tolerant() const { return tolerant_; }
 
  private:
+  bool match_padded(std::string_view line, bool& closing) const;
   bool match_unpadded(std::string_view line, bool& closing) const;
+  bool match_prefix(std::string_view line, bool& closing) const;
 
   std::string text_;
   bool tolerant_;
   bool transport_padding_;
+  bool prefix_ = false;
+  bool* prefix_seen_ = nullptr;
 };
 
 #endif  // SMTPFM_CODECS_BOUNDARY_H_

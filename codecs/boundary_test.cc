@@ -76,6 +76,28 @@ TEST(Boundary, MatchLine) {
   }
 }
 
+// RFC 2046's prefix rule: a line that begins with "--" and the boundary is
+// a delimiter whatever follows, and closes where "--" follows; a watch
+// notes such lines that the exact rules refuse.
+TEST(Boundary, PrefixRule) {
+  const std::tuple<const char*, bool, bool, bool> cases[] = {
+      // line, matches by the prefix rule, closes, noted by the watch
+      {"--abc", true, false, false},  {"--abc--", true, true, false},   {"--abc junk", true, false, true},
+      {"--abc---", true, true, true}, {"--abc -- ", true, false, true}, {"--abd", false, false, false},
+      {"--ab", false, false, false},
+  };
+  for (const auto& [line, matches, closes, noted] : cases) {
+    bool closing = false;
+    EXPECT_EQ(Smtp_boundary("abc", false, true).match_line(line, closing), matches) << line;
+    EXPECT_EQ(closing, closes) << line;
+    bool seen = false;
+    Smtp_boundary watched("abc");
+    watched.watch_prefix_lines(&seen);
+    watched.match_line(line, closing);
+    EXPECT_EQ(seen, noted) << line;
+  }
+}
+
 TEST(Boundary, ClosingFlagIsClearedOnlyByALineOfClosingLength) {
   const Smtp_boundary abc("abc");
   bool closing = true;

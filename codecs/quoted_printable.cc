@@ -22,6 +22,7 @@
 #include <array>
 #include <cstring>
 #include <memory>
+#include <string>
 
 namespace {
 
@@ -87,12 +88,17 @@ enum class Qp_state {
   after_equals,   // behind "=", waiting for N
   after_soft_cr,  // behind "=" CR: the next byte is dropped
   after_digit,    // behind "=" and a hexadecimal digit N, waiting for M
+  after_blanks,   // behind "=" and blanks, with padded breaks: a soft line break if CR follows
 };
+
+// Blanks held behind a "=" while it may still be a padded soft line break;
+// a longer run goes out as text, since no line of an encoder is that long.
+constexpr size_t max_held_blanks = 1024;
 
 }  // namespace
 
 uint64_t decode_quoted_printable(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64_t length,
-                                 Vek_status& status, bool lenient) {
+                                 Vek_status& status, bool lenient, bool padded_breaks) {
   status.clear();
   in.seek(0, static_cast<int64_t>(std::min<uint64_t>(start, INT64_MAX)), status);
   if (!status.ok()) return out.tell();
@@ -100,6 +106,7 @@ uint64_t decode_quoted_printable(Vek_istream& in, Vek_ostream& out, uint64_t sta
   Output_block output(out);
   Qp_state state = Qp_state::text;
   uint8_t digit = 0;  // N, while waiting for M
+  std::string blanks;  // behind "=", while after_blanks
   bool written = true;
   uint64_t remaining = length;
   while (remaining != 0 && status.ok() && written) {
@@ -139,6 +146,13 @@ uint64_t decode_quoted_printable(Vek_istream& in, Vek_ostream& out, uint64_t sta
           if (c == '\r') {
             state = Qp_state::after_soft_cr;
             ++i;
+          } else if (padded_breaks && c == '\n') {
+            state = Qp_state::text;
+            ++i;
+          } else if (padded_breaks && (c == ' ' || c == '\t')) {
+            blanks.assign(1, static_cast<char>(c));
+            state = Qp_state::after_blanks;
+            ++i;
           } else if (hex_value(c) < 0) {
             // Not an escape: the "=" stays, and N is looked at again.
             written = output.put('=');
@@ -147,6 +161,21 @@ uint64_t decode_quoted_printable(Vek_istream& in, Vek_ostream& out, uint64_t sta
             digit = c;
             state = Qp_state::after_digit;
             ++i;
+          }
+          break;
+        case Qp_state::after_blanks:
+          if ((c == ' ' || c == '\t') && blanks.size() < max_held_blanks) {
+            blanks.push_back(static_cast<char>(c));
+            ++i;
+          } else if (c == '\r' || c == '\n') {
+            // A soft line break padded in transit: the blanks go with it.
+            state = c == '\r' ? Qp_state::after_soft_cr : Qp_state::text;
+            ++i;
+          } else {
+            // Not a line break: the "=" and the blanks stay as they are.
+            written =
+                output.put('=') && output.put(reinterpret_cast<const uint8_t*>(blanks.data()), blanks.size());
+            state = Qp_state::text;
           }
           break;
         case Qp_state::after_soft_cr:
@@ -166,6 +195,9 @@ uint64_t decode_quoted_printable(Vek_istream& in, Vek_ostream& out, uint64_t sta
       }
     }
   }
+  // Blanks behind a "=" at the very end: a soft line break padded in
+  // transit, with nothing behind it.
+  if (state == Qp_state::after_blanks) state = Qp_state::text;
   if (state != Qp_state::text && written && (status.ok() || status == vek_end_of_stream)) {
     if (lenient && state == Qp_state::after_equals) written = output.put('=');
     if (lenient && state == Qp_state::after_digit) written = output.put('=') && output.put(digit);

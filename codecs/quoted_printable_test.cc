@@ -51,6 +51,25 @@ TEST(QuotedPrintable, Decode) {
   }
 }
 
+// A "=" with blanks behind it to the line end, or with a bare LF, is a
+// soft line break where padded breaks are read.
+TEST(QuotedPrintable, PaddedSoftBreaks) {
+  const auto padded = [](Vek_istream& in, Vek_ostream& out, uint64_t start, uint64_t length,
+                         Vek_status& status) {
+    return decode_quoted_printable(in, out, start, length, status, false, true);
+  };
+  codec_test::check(
+      {
+          {"blanks behind =", "ab= \t\r\ncd", "abcd"},
+          {"bare LF", "ab=\ncd", "abcd"},
+          {"blanks and text stay", "a= \tb", "a= \tb"},
+          {"blanks at the very end", "ab=  ", "ab"},
+          {"a run longer than any line stays", "a=" + std::string(1100, ' ') + "\r\nb",
+           "a=" + std::string(1100, ' ') + "\r\nb"},
+      },
+      [&](std::string_view in, Vek_eol) { return codec_test::decode(padded, in); });
+}
+
 TEST(QuotedPrintable, DecodeFromAPositionForALength) {
   uint64_t stop = 0;
   const Outcome got = codec_test::decode(strict, "skip=41=42tail", vek_eol_crlf, 4, 6, &stop);

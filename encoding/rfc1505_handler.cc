@@ -6,6 +6,7 @@
 #include <string>
 
 #include "manager/header_export.h"
+#include "manager/signed_content.h"
 #include "manager/table_access.h"
 #include "reader/content_type_repair.h"
 #include "reader/header_block.h"
@@ -35,7 +36,9 @@ void Smtp_rfc1505_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   data = buffer;
   header_end_ = 0;
   body_offset_ = 0;
+  signed_content_ = is_signed_content(item);
   table_.clear_items();
+  coverage_ = Smtp_coverage();
 
   Vek_buffered_istream stream(data, true, status, vek_eol_lf);
   if (!status.ok()) return;
@@ -57,6 +60,7 @@ void Smtp_rfc1505_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   header_end_ = stream.tell();
   skip_blank_line(stream);
   body_offset_ = stream.tell();
+  coverage_.start(data, body_offset_);
 
   // The manager chose this handler for its "Encoding" field; one that is
   // gone, or has no value to cut the body by, is a fault of the caller,
@@ -106,6 +110,7 @@ void Smtp_rfc1505_handler::split_body(Vek_istream& stream, const std::vector<Smt
                                         std::move(part), length, lines, entry.keywords, entry.comment);
     table_.item_order.push_back(index);
     if (i == 0) table_.body_index = index;
+    coverage_.cover(start, end);
   }
   if (!status.ok()) {
     item.log(33, 2, name_, status);
@@ -119,6 +124,8 @@ bool Smtp_rfc1505_handler::has_items(Fmg_item&, Vek_status& status) {
 }
 
 Vek_buffer* Smtp_rfc1505_handler::get_item(uint32_t& position, Fmg_item& item, Vek_status& status) {
+  if (signed_content_ && table_.valid_position(position) && position >= table_.header_item_count)
+    mark_signed_content(item);
   return get_table_item(table_, position, item, is_message_, handler_name, status);
 }
 
@@ -134,7 +141,8 @@ void Smtp_rfc1505_handler::free_item(uint32_t position, Fmg_item&, Vek_status& s
 bool Smtp_rfc1505_handler::can_modify_item(uint32_t position, Fmg_item&, Vek_status& status) {
   status.clear();
   test_table_position(table_, position, handler_name, "can_modify_item");
-  return position >= table_.header_item_count;
+  // Another reading of a body is never written back.
+  return position >= table_.header_item_count && table_.at_position(position).type != smtp_item_extra_reading;
 }
 
 bool Smtp_rfc1505_handler::is_item_modified(uint32_t position, Fmg_item&, Vek_status& status) {
@@ -150,13 +158,15 @@ bool Smtp_rfc1505_handler::is_modified(Fmg_item&, Vek_status& status) {
   // is nothing to count: the new field would be empty and the body would
   // go with it. The message then counts as unchanged, so the host passes
   // it on as it came and rebuild gives a copy of it.
-  return table_.any_modified() || (field_repaired_ && table_.body_index != smtp_no_position);
+  // Under a signature the field stays as it was sent.
+  return table_.any_modified() ||
+         (field_repaired_ && !signed_content_ && table_.body_index != smtp_no_position);
 }
 
 std::string Smtp_rfc1505_handler::encoding_value() const {
   std::string value;
   for (const auto& record : table_.items) {
-    if (record->type == smtp_item_header) continue;
+    if (record->type == smtp_item_header || record->type == smtp_item_extra_reading) continue;
     if (!value.empty()) value += ", ";
     // A replaced part has the count of its new lines, so the field fits it.
     value += std::to_string(record->line_count);
@@ -172,7 +182,7 @@ std::string Smtp_rfc1505_handler::encoding_value() const {
 
 void Smtp_rfc1505_handler::write_parts(Vek_ostream& out, Vek_status& status) const {
   for (const auto& record : table_.items) {
-    if (record->type == smtp_item_header) continue;
+    if (record->type == smtp_item_header || record->type == smtp_item_extra_reading) continue;
     // A part that cannot be read, or a blank line that cannot be written,
     // fails the rebuild: a message with a part missing must not go out.
     Vek_buffered_istream part(record->buffer.get(), true, status, vek_eol_crlf);
@@ -227,15 +237,23 @@ Vek_buffer* Smtp_rfc1505_handler::rebuild(Fmg_item& item, Vek_status& status) {
   const std::string value = encoding_value();
   std::string name;
   std::vector<std::string> lines;
-  while (in.tell() < header_end_ &&
-         read_header_field(in, profile_.header_lines.max_line, name, lines, status,
-                           profile_.header_lines.eight_bit_text) &&
+  uint64_t field_start = in.tell();
+  while (in.tell() < header_end_ && read_header_field(in, name, lines, status, profile_.header_lines) &&
          status.ok()) {
-    if (vek_string_equal_nc(name, "Encoding"))
+    if (vek_string_equal_nc(name, "Encoding")) {
       write_header_field(out, "Encoding", value, true, status);
-    else
+    } else if (name != smtp_bad_header_name && field_start + name.size() < data->size() &&
+               data->data()[field_start + name.size()] != ':') {
+      // A name with white space in front of its colon goes out as it came.
+      write_source_lines(out,
+                         std::string_view(reinterpret_cast<const char*>(data->data()) + field_start,
+                                          in.tell() - field_start),
+                         status);
+    } else {
       write_raw_field(out, name, lines, status);
+    }
     if (!status.ok()) return result.release();
+    field_start = in.tell();
   }
   if (status.ok()) write_parts(out, status);
   return result.release();

@@ -22,12 +22,13 @@
 #include <string>
 #include <vector>
 
+#include "manager/coverage.h"
 #include "manager/handler_base.h"
 #include "manager/item_table.h"
 #include "reader/field_parsers.h"
 #include "reader/profile.h"
 
-class Smtp_rfc1505_handler : public Fmg_handler_base {
+class Smtp_rfc1505_handler : public Fmg_handler_base, public Smtp_coverage_source {
  public:
   // `name` (used in log entries) and `export_headers` must outlive the
   // handler; `is_message` says whether the item is a message of its own;
@@ -52,17 +53,19 @@ class Smtp_rfc1505_handler : public Fmg_handler_base {
   void set_item(uint32_t position, Vek_buffer* buffer, Fmg_item& item, Vek_status& status) override;
   // Checks the position; records stay until the handler ends.
   void free_item(uint32_t position, Fmg_item& item, Vek_status& status) override;
-  // False for an exported header, true for every part.
+  // False for an exported header and an extra reading, true for every part.
   bool can_modify_item(uint32_t position, Fmg_item& item, Vek_status& status) override;
   // Whether the host replaced this record.
   bool is_item_modified(uint32_t position, Fmg_item& item, Vek_status& status) override;
-  // Whether the host replaced a part, or the field was cleaned and there
-  // are parts to write a new field from.
+  // Whether the host replaced a part, or the field was cleaned (outside a
+  // signature) and there are parts to write a new field from.
   bool is_modified(Fmg_item& item, Vek_status& status) override;
   // The message written anew, owned by the caller, who must look at the
   // status: a copy of `data` if nothing changed, else the header with a new
   // "Encoding" field and the parts in the order of the message.
   Vek_buffer* rebuild(Fmg_item& item, Vek_status& status) override;
+  // The parts reach the host; a body with none does not.
+  const Smtp_coverage& coverage() const override { return coverage_; }
 
  protected:
   ~Smtp_rfc1505_handler() override;
@@ -86,6 +89,8 @@ class Smtp_rfc1505_handler : public Fmg_handler_base {
   const Smtp_profile& profile_;
   // clean_encoding_field dropped bytes from the field's value.
   bool field_repaired_ = false;
+  // The message lies under a signature: the cleaning is not written back.
+  bool signed_content_ = false;
   // Position in `data` where the header block ended, in front of its blank
   // line; the header is rewritten up to here and no further.
   uint64_t header_end_ = 0;
@@ -94,6 +99,7 @@ class Smtp_rfc1505_handler : public Fmg_handler_base {
   uint64_t body_offset_ = 0;
   // body_index is the first part; smtp_no_position when there is none.
   Smtp_item_table table_;
+  Smtp_coverage coverage_;
 };
 
 // The factory that the module hands to the format manager: a new handler,

@@ -7,6 +7,7 @@
 #include "host/entity.h"
 #include "host/log_codes.h"
 #include "host/names.h"
+#include "manager/item_table.h"
 #include "platform/vek/registry.h"
 #include "reader/header_reader.h"
 
@@ -50,6 +51,45 @@ bool is_binary(std::string_view bytes) {
 bool is_uue_block(const Item_node& node) {
   return node.parent != nullptr && has(*node.parent, ZOR_FORMAT_SUBTYPE, uue_format) &&
          has(node, ZOR_ITEM_TYPE, ZOR_ATTACHMENT_ITEM);
+}
+
+// An extra reading of the hardened profile: bytes that an item of the
+// entity's own reading holds too, or text around its parts, which no
+// handler replaces or writes back.
+bool is_extra_reading(const Item_node& node) {
+  const Tav_property* reading = node.item->properties().find(smtp_alternate_reading);
+  return reading != nullptr && reading->type() == Tav_property::type_bool && reading->bool_value();
+}
+
+// Whether the bytes of `inner` lie within those of `outer` (views of one
+// buffer).
+bool holds(const Item_node& outer, const Item_node& inner) {
+  const std::string_view out = outer.bytes(), in = inner.bytes();
+  return !out.empty() && !in.empty() && in.data() >= out.data() && in.data() + in.size() <= out.data() + out.size();
+}
+
+// Whether an entity above the node was logged as encrypted: what it holds
+// is decided with it (--encrypted), whatever the plug-in offered of it.
+bool inside_encrypted(const Item_node& node) {
+  for (const Item_node* at = node.parent; at != nullptr; at = at->parent)
+    if (at->taken() && at->item->has_log(log_encrypted)) return true;
+  return false;
+}
+
+// The nearest entity above the node (or the node) that a handler logged as
+// signed, or null.
+const Item_node* signed_entity(const Item_node& node) {
+  for (const Item_node* at = &node; at != nullptr; at = at->parent)
+    if (at->taken() && at->item->has_log(log_signed)) return at;
+  return nullptr;
+}
+
+// A signature that a client verifies rather than offers.
+bool is_signature(const Item_node& node) {
+  if (!has(node, ZOR_MIME_TYPE, u"application")) return false;
+  for (const char16_t* subtype : {u"pgp-signature", u"pkcs7-signature", u"x-pkcs7-signature"})
+    if (has(node, ZOR_MIME_SUBTYPE, subtype)) return true;
+  return false;
 }
 
 // The content of an entity (it has MimeType) that a client offers as a
@@ -135,6 +175,27 @@ Item_node& entity_of(Item_node& node) {
   return node;
 }
 
+// What the node's content goes with: the node itself, or for content
+// read by an extra reading (which no handler replaces), the item of the
+// entity's own reading whose bytes hold that reading, or where none does
+// (a preamble, a reading decoded otherwise, parts cut across the entity's
+// own) the entity that made it; the same again where that lies in an
+// extra reading. Each step goes up a reading, so the loop ends.
+Item_node& holder_of(Item_node& node) {
+  Item_node* at = &node;
+  for (;;) {
+    Item_node* reading = at;
+    while (reading->parent != nullptr && !is_extra_reading(*reading)) reading = reading->parent;
+    if (reading->parent == nullptr) return *at;
+    at = reading->parent;
+    for (auto& item : reading->parent->children)
+      if (!is_extra_reading(*item) && !has(*item, ZOR_ITEM_TYPE, ZOR_HEADER_ITEM) && holds(*item, *reading)) {
+        at = item.get();
+        break;
+      }
+  }
+}
+
 bool replace_entity(Message_tree& tree, Item_node& entity, const std::string& replacement, std::string& error) {
   const bool hardened = tree.options().hardened;
   std::string bytes = replace_content(entity.bytes(), replacement, is_message_entity(entity), hardened);
@@ -150,19 +211,13 @@ void add(Disarm_result& result, const std::string& path, std::string name, const
   result.items.push_back({path, std::move(name), outcome, std::move(reason)});
 }
 
-// The nearest entity above the node (or the node) that a handler logged as
-// signed, or null.
-Item_node* signed_entity(Item_node& node) {
-  for (Item_node* at = &node; at != nullptr; at = at->parent)
-    if (at->taken() && at->item->has_log(log_signed)) return at;
-  return nullptr;
-}
-
 // Takes the signature off a signed entity: the entity keeps its own fields
 // and gets the signed content's in place of the multipart around it.
 bool strip_signature(Message_tree& tree, Item_node& entity, std::string& error) {
   for (auto& child : entity.children) {
-    if (has(*child, ZOR_ITEM_TYPE, ZOR_HEADER_ITEM)) continue;
+    // The signed content is the first part of the entity's own reading: a
+    // preamble, the signature and what stands beside it are extra readings.
+    if (has(*child, ZOR_ITEM_TYPE, ZOR_HEADER_ITEM) || is_extra_reading(*child)) continue;
     return replace_entity(tree, entity, std::string(child->bytes()), error);
   }
   error = "the signed entity holds no content";
@@ -172,7 +227,9 @@ bool strip_signature(Message_tree& tree, Item_node& entity, std::string& error) 
 }  // namespace
 
 bool offered_as_attachment(const Item_node& node) {
-  if (node.parent == nullptr || has(node, ZOR_ITEM_TYPE, ZOR_HEADER_ITEM)) return false;
+  if (node.parent == nullptr || has(node, ZOR_ITEM_TYPE, ZOR_HEADER_ITEM) || inside_encrypted(node)) return false;
+  // Clients check the signature of a signed entity rather than offer it.
+  if (is_signature(node) && signed_entity(node) != nullptr) return false;
   const bool content = !node.item->string_property(ZOR_MIME_TYPE).empty();
   if (node.taken() && !node.children.empty()) {
     // A container: what it holds is judged item by item; but content that
@@ -187,23 +244,32 @@ bool offered_as_attachment(const Item_node& node) {
     if (node.taken() && is_message_entity(node)) return false;
     return offered_content(node) || begins_with_block(node.bytes());
   }
-  if (!node.item->string_property(ZOR_ENCLOSED_MIME_TYPE).empty())
+  // An extra reading that no manager took is text: a preamble, an
+  // epilogue, or a part of another reading with no header of its own.
+  const bool text = is_extra_reading(node) && !node.taken() && has(node, ZOR_ENCLOSED_MIME_TYPE, u"text");
+  if (!text && !node.item->string_property(ZOR_ENCLOSED_MIME_TYPE).empty())
     // A part that no manager could open: clients still show what they can
     // of it. One that was opened and holds nothing is unexamined, or empty.
     return !node.taken() && !node.depth_limited && node.buffer != nullptr;
   // Raw items: the rest of a text from its first uuencoded block, the parts
-  // of an RFC 1505 message. Clients show them as the text they are, with
-  // a uuencoded file in it as a file; what is no text they cannot show.
-  return begins_with_block(node.bytes()) || (has(node, ZOR_ITEM_TYPE, ZOR_ATTACHMENT_ITEM) && is_binary(node.bytes()));
+  // of an RFC 1505 message, text outside parts. Clients show them as the
+  // text they are, with a uuencoded file in it as a file; what is no text
+  // they cannot show.
+  return begins_with_block(node.bytes()) ||
+         ((text || has(node, ZOR_ITEM_TYPE, ZOR_ATTACHMENT_ITEM)) && is_binary(node.bytes()));
 }
 
 std::string unexamined_content(const Item_node& node) {
-  // What is offered goes whole, with whatever it may hold.
-  if (offered_as_attachment(node)) return {};
+  // What is offered goes whole, with whatever it may hold; what an
+  // encrypted entity holds goes or stays with it.
+  if (offered_as_attachment(node) || inside_encrypted(node)) return {};
   if (node.depth_limited) return "not opened: deeper than the depth bound (--max-depth)";
   if (!node.failure.empty()) return "a call of the plug-in failed: " + node.failure;
-  if (!node.taken() || !node.children.empty()) return {};
+  if (!node.taken()) return {};
+  // Whatever the plug-in offered of it (the hardened profile offers its
+  // bytes as extra readings), what it holds cannot be judged.
   if (node.item->has_log(log_encrypted)) return "encrypted: its content cannot be looked into";
+  if (!node.children.empty()) return {};
   if (node.item->has_log(log_step_failed) && node.handler_name == "Smtp_opaque_handler")
     return "taken for mail but could not be opened";
   return {};
@@ -232,22 +298,50 @@ std::string attachment_name(const Message_tree& tree, const Item_node& node) {
   return {};
 }
 
+Item_node& disarm_replaces(Item_node& node) {
+  Item_node& holder = holder_of(node);
+  return is_uue_block(holder) ? holder : entity_of(holder);
+}
+
 bool disarm_item(Message_tree& tree, Item_node& node, const std::string& notice, std::string& error) {
   const std::string name = notice_name(attachment_name(tree, node));
-  if (is_uue_block(node)) {
-    // The uuencode handler writes a replaced block under the item's name.
-    if (!tree.can_replace(node, error)) return false;
-    if (!name.empty()) node.item->set_property(ZOR_ITEM_NAME, vek_utf8_to_utf16(name));
-    return tree.replace(node, notice + "\r\n", error) && tree.reopen(node, error);
+  Item_node& holder = holder_of(node);
+  if (&holder != &node) {
+    // Content of an extra reading goes with the item that holds its bytes.
+    // Not with a whole signed entity, which would take the signed content
+    // along: taking the signature off is the caller's choice.
+    const std::string where = holder.path.empty() ? "(top)" : holder.path;
+    if (holder.taken() && holder.item->has_log(log_signed)) {
+      error = "item " + node.path + " is another reading of the signed entity " + where +
+              ", which cannot change without breaking its signature";
+      return false;
+    }
+    const Item_node& replaced = disarm_replaces(holder);
+    if (replaced.parent != nullptr && !tree.can_replace(replaced, error)) {
+      error = "item " + node.path + " is another reading of item " + where + ": " + error;
+      return false;
+    }
   }
-  Item_node& entity = entity_of(node);
-  if (&entity == &node && node.parent != nullptr && node.item->string_property(ZOR_ENCLOSED_MIME_TYPE).empty()) {
+  if (is_uue_block(holder)) {
+    // The uuencode handler writes a replaced block under the item's name.
+    if (!tree.can_replace(holder, error)) return false;
+    if (!name.empty()) holder.item->set_property(ZOR_ITEM_NAME, vek_utf8_to_utf16(name));
+    return tree.replace(holder, notice + "\r\n", error) && tree.reopen(holder, error);
+  }
+  Item_node& entity = entity_of(holder);
+  if (&entity == &holder && holder.parent != nullptr &&
+      holder.item->string_property(ZOR_ENCLOSED_MIME_TYPE).empty()) {
     // A raw item of a handler: the notice stands in its place as text. (The
     // top, a message encrypted whole, is an entity: its content goes.)
-    return tree.replace(node, notice + "\r\n", error) && tree.reopen(node, error);
+    return tree.replace(holder, notice + "\r\n", error) && tree.reopen(holder, error);
   }
   if (entity.parent != nullptr && !tree.can_replace(entity, error)) return false;
   return replace_entity(tree, entity, notice_entity(name, notice), error);
+}
+
+bool lies_in(const std::string& path, const std::string& entity) {
+  return entity.empty() || path == entity || (path.size() > entity.size() && path.starts_with(entity) &&
+                                              path[entity.size()] == '.');
 }
 
 size_t Disarm_result::count(const char* outcome) const {
@@ -268,21 +362,36 @@ Disarm_result disarm_message(Message_tree& tree, const Disarm_options& options) 
   std::vector<Disarm_outcome> refused;  // of the last pass only: a later pass tries them again
   for (int pass = 0; pass < max_disarm_passes; ++pass) {
     refused.clear();
-    std::vector<std::string> targets;
+    // What each target's disarm replaces is judged before anything is:
+    // a replacement leaves the extra readings beside it as they were read.
+    struct Target {
+      std::string path, name, replaces;
+    };
+    std::vector<Target> targets;
     tree.for_each([&](Item_node& node) {
-      if (offered_as_attachment(node) && !is_notice(node, options.notice)) targets.push_back(node.path);
+      if (offered_as_attachment(node) && !is_notice(node, options.notice))
+        targets.push_back({node.path, attachment_name(tree, node), disarm_replaces(node).path});
     });
+    std::vector<std::string> replaced;  // in this pass: what lies in them went with them
     bool stripped = false;
-    for (const std::string& path : targets) {
-      Item_node* node = tree.find(path);
-      if (node == nullptr || !offered_as_attachment(*node) || is_notice(*node, options.notice)) continue;
-      const std::string name = attachment_name(tree, *node);
-      std::string error;
-      if (disarm_item(tree, *node, options.notice, error)) {
+    for (const Target& target : targets) {
+      const std::string& path = target.path;
+      const std::string& name = target.name;
+      if (std::any_of(replaced.begin(), replaced.end(),
+                      [&](const std::string& entity) { return lies_in(target.replaces, entity); })) {
         add(result, path, name, "disarmed");
         continue;
       }
-      Item_node* signed_at = signed_entity(*node);
+      Item_node* node = tree.find(path);
+      if (node == nullptr || !offered_as_attachment(*node) || is_notice(*node, options.notice)) continue;
+      std::string error;
+      if (disarm_item(tree, *node, options.notice, error)) {
+        add(result, path, name, "disarmed");
+        replaced.push_back(target.replaces);
+        continue;
+      }
+      const Item_node* signed_found = signed_entity(*node);
+      Item_node* signed_at = signed_found == nullptr ? nullptr : tree.find(signed_found->path);
       if (signed_at != nullptr && options.signed_items == Signed_choice::strip) {
         const std::string signed_path = signed_at->path;
         std::string why;

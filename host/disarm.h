@@ -25,13 +25,17 @@
 // Whether a common mail client would offer the node's content to its
 // reader as an attachment. Containers (a multipart, an attached message
 // that was opened, a text taken apart by the uuencode manager) are not:
-// their items are judged one by one.
+// their items are judged one by one. Neither is what lies in an encrypted
+// entity (judged whole, by Encrypted_choice), a signature inside a signed
+// entity (clients check it), nor text outside the parts of a multipart
+// that holds no uuencoded file.
 bool offered_as_attachment(const Item_node& node);
 
 // Why the node may hold content that nobody looked at: not opened past the
-// depth bound, encrypted, unreadable, a failed plug-in call. Empty when it
-// holds none, or when it is offered as an attachment (disarming takes it
-// out whole).
+// depth bound, encrypted (whatever the plug-in offered of it), unreadable,
+// a failed plug-in call. Empty when it holds none, when it is offered as an
+// attachment (disarming takes it out whole), or when it lies in an
+// encrypted entity (which is judged whole).
 std::string unexamined_content(const Item_node& node);
 
 // Whether the node is a notice that disarm_item put there with `notice`.
@@ -40,11 +44,25 @@ bool is_notice(const Item_node& node, const std::string& notice);
 // The name a reader sees for the node's content, as UTF-8; empty if none.
 std::string attachment_name(const Message_tree& tree, const Item_node& node);
 
-// Replaces the entity that holds the node's content by a text/plain entity
-// with `notice` (a uuencoded block by a block of the notice), named as the
+// The item that disarm_item replaces to take the node's content out: the
+// entity that holds the content (a uuencoded block, a raw item: the item
+// itself). Content of an extra reading (the item or one above it has
+// AlternateReading: no handler replaces it, and its bytes are another
+// reading of the entity's) goes with the item of the entity's own reading
+// whose bytes hold it, or where none does, with the entity that made the
+// reading. Judge every node before replacing any: a replacement leaves
+// the readings beside it as they were read, so what lies in a replaced
+// item (lies_in) must not be disarmed again.
+Item_node& disarm_replaces(Item_node& node);
+// Whether the item at `path` lies in the one at `entity` ("" is the top).
+bool lies_in(const std::string& path, const std::string& entity);
+
+// Replaces what disarm_replaces names by a text/plain entity with `notice`
+// (a uuencoded block by a block of the notice), named as the node's
 // content was with ".txt" behind, and opens it again in the tree. False
-// with `error` when a level above refuses the change (a signed entity) or
-// a handler fails; the tree is then unchanged.
+// with `error` when a level above refuses the change (a signed entity), the
+// node is another reading of a signed entity, or a handler fails; the tree
+// is then unchanged.
 bool disarm_item(Message_tree& tree, Item_node& node, const std::string& notice, std::string& error);
 
 // What disarm_message does with what it cannot simply replace.

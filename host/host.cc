@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "contracts/zor.h"
+#include "manager/coverage.h"
 #include "platform/vek/registry.h"
 
 const char16_t smtp_element_name[] = u"Larkspire SMTP Message";
@@ -187,6 +188,7 @@ Fmg_manager_base* Plugin_library::create_manager(const Host_options& options, st
   for (const auto& name : options.export_headers) properties.add(u"ExportHeader", vek_utf8_to_utf16(name));
   properties.add(Tav_property(u"AddBody", options.add_body));
   properties.add(Tav_property(u"Hardened", options.hardened));
+  properties.add(Tav_property(Vek_wstring(smtp_report_unexamined), options.report_unexamined));
   if (!options.policy.empty()) properties.add(ZOR_POLICY_LIST, vek_utf8_to_utf16(options.policy));
   Vek_status status;
   manager->set_properties(properties, status);

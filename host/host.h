@@ -36,6 +36,7 @@ struct Host_options {
   bool add_body = false;
   std::string policy;
   bool hardened = false;        // the manager's "Hardened": every reading a mail client takes
+  bool report_unexamined = true;  // the manager's "ReportUnexamined": body text in no sub-item, per item
   bool keep_line_ends = false;  // false: the plug-in reads bare LF line ends as CR LF
   bool uuencode = true;         // offer items to uue.so too, when it stands beside smtp.so
   uint32_t max_depth = 64;      // items deeper than this are listed, not opened

@@ -43,7 +43,8 @@ Json node_json(Message_tree& tree, Item_node& top) {
     out["length"] = tree.original_bytes(node).size();
     Json properties = Json::array();
     for (const auto& property : node.item->properties())
-      properties.push_back(Json::array({vek_utf16_to_utf8(property.name()), property_json(property)}));
+      if (property.name() != smtp_unexamined)
+        properties.push_back(Json::array({vek_utf16_to_utf8(property.name()), property_json(property)}));
     out["properties"] = std::move(properties);
     Json reports = Json::array();
     for (const auto& report : node.item->reports())
@@ -57,6 +58,10 @@ Json node_json(Message_tree& tree, Item_node& top) {
     out["handler"] = node.taken() ? Json(node.handler_name) : Json(nullptr);
     out["open_status"] = status_text(node.open_status);
     out["modified"] = is_modified(node);
+    Json unexamined = Json::array();
+    for (const Smtp_range& range : unexamined_ranges(node))
+      unexamined.push_back(Json::array({range.offset, range.length}));
+    out["unexamined"] = std::move(unexamined);
     if (!node.failure.empty()) out["failure"] = node.failure;
     if (says_why(node)) {
       const Refusal refusal = tree.refusal(node);
@@ -83,6 +88,18 @@ std::string shown(const Item_node& node, const char16_t* name) {
 
 }  // namespace
 
+std::vector<Smtp_range> unexamined_ranges(const Item_node& node) {
+  const Tav_property* found = node.item->properties().find(smtp_unexamined);
+  if (found == nullptr || found->type() != Tav_property::type_string) return {};
+  return parse_unexamined_text(vek_wtos(found->string_value()));
+}
+
+uint64_t unexamined_bytes(const Item_node& node) {
+  uint64_t count = 0;
+  for (const Smtp_range& range : unexamined_ranges(node)) count += range.length;
+  return count;
+}
+
 Json property_json(const Tav_property& property) {
   switch (property.type()) {
     case Tav_property::type_bool:
@@ -104,6 +121,8 @@ std::string property_text(const Tav_property& property) {
       return vek_utf16_to_utf8(property.string_value());
   }
 }
+
+std::string json_line(const Json& document) { return document.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
 Json tree_json(Message_tree& tree, const std::string& file) {
   Json document;
@@ -149,6 +168,8 @@ std::string tree_text(Message_tree& tree, const std::string& file) {
         line += "; line " + std::to_string(refusal.line_number) + ": \"" + refusal.line + "\"";
       line += "]";
     }
+    const std::string unexamined = property(node, smtp_unexamined.data());
+    if (!unexamined.empty()) line += " unexamined " + unexamined;
     if (node.depth_limited) line += " [not opened: depth limit]";
     if (!node.failure.empty()) line += " [" + node.failure + "]";
     // Names and lines of hostile mail may hold controls that a terminal

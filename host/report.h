@@ -3,8 +3,13 @@
 //   {"file": PATH, "size": BYTES, "profile": "hardened"|"reference", "item": NODE}
 //   NODE = {"path", "length", "properties": [[name, value]...],
 //           "reports": [[name, value]...], "log": [[code, "0x%08x"]...],
-//           "taken", "handler", "open_status", "modified", "items": [NODE...],
+//           "taken", "handler", "open_status", "modified",
+//           "unexamined": [[offset, length]...], "items": [NODE...],
 //           "depth_limited" (only where the depth bound stopped the walk)}
+// "unexamined" lists the text of the item's body that reaches the host in
+// none of its sub-items (markup and white space aside), offsets into the
+// item's bytes; the plug-in publishes it as the property "Unexamined",
+// which is shown here and not among the properties.
 #ifndef SMTPFM_HOST_REPORT_H_
 #define SMTPFM_HOST_REPORT_H_
 
@@ -12,6 +17,7 @@
 #include <string>
 
 #include "host/host.h"
+#include "manager/coverage.h"
 
 using Json = nlohmann::ordered_json;
 
@@ -21,8 +27,14 @@ inline const char* profile_name(const Host_options& options) {
 }
 // The JSON document of one message; `modified` asks each handler.
 Json tree_json(Message_tree& tree, const std::string& file);
+// A document on one line; bytes that are no UTF-8 (in a file name, in the
+// line that made a message no mail) are written as U+FFFD.
+std::string json_line(const Json& document);
 // The indented text tree of one message.
 std::string tree_text(Message_tree& tree, const std::string& file);
+// The body text of a node that no sub-item holds, and its byte count.
+std::vector<Smtp_range> unexamined_ranges(const Item_node& node);
+uint64_t unexamined_bytes(const Item_node& node);
 // A property's value as JSON: a string, true/false or an integer.
 Json property_json(const Tav_property& property);
 // The UTF-8 form of a property's value.

@@ -128,6 +128,7 @@ class Message_queue {
 
 struct Totals {
   uint64_t messages = 0, taken = 0, refused = 0, attachments = 0, code33 = 0, failures = 0, bytes = 0;
+  uint64_t unexamined = 0, unexamined_messages = 0;
   std::map<std::string, uint64_t> handlers;
   void add(const Totals& other) {
     messages += other.messages;
@@ -137,6 +138,8 @@ struct Totals {
     code33 += other.code33;
     failures += other.failures;
     bytes += other.bytes;
+    unexamined += other.unexamined;
+    unexamined_messages += other.unexamined_messages;
     for (const auto& [name, count] : other.handlers) handlers[name] += count;
   }
 };
@@ -152,7 +155,9 @@ void count_tree(Message_tree& tree, Totals& totals) {
     ++totals.refused;
   }
   bool failed = false;
+  uint64_t unexamined = 0;
   tree.for_each([&](Item_node& node) {
+    unexamined += unexamined_bytes(node);
     for (const auto& entry : node.item->logs())
       if (entry.code == 33) ++totals.code33;
     const Tav_property* type = node.item->properties().find(ZOR_ITEM_TYPE);
@@ -160,6 +165,8 @@ void count_tree(Message_tree& tree, Totals& totals) {
     if (!node.failure.empty()) failed = true;
   });
   if (failed) ++totals.failures;
+  totals.unexamined += unexamined;
+  if (unexamined != 0) ++totals.unexamined_messages;
 }
 
 }  // namespace
@@ -309,7 +316,7 @@ int run_scan(const Host_options& options, const std::vector<std::string>& paths,
         Message_tree tree(managers, std::move(message->bytes), options);
         count_tree(tree, mine);
         Scan_lines lines;
-        if (json_out != nullptr) lines.document = tree_json(tree, message->name).dump() + "\n";
+        if (json_out != nullptr) lines.document = json_line(tree_json(tree, message->name)) + "\n";
         if (refused_out != nullptr && !tree.root().taken()) lines.refused = refused_line(tree, message->name);
         writer.write(message->sequence, std::move(lines));
         ++done;
@@ -360,7 +367,8 @@ int run_scan(const Host_options& options, const std::vector<std::string>& paths,
           << "\ntaken: " << totals.taken << "\nrefused: " << totals.refused << "\n";
   for (const auto& [name, count] : totals.handlers) summary << "  " << name << ": " << count << "\n";
   summary << "attachments: " << totals.attachments << "\nlog code 33: " << totals.code33
-          << "\nfailures: " << totals.failures + read_failures << "\n";
+          << "\nfailures: " << totals.failures + read_failures << "\nunexamined: " << totals.unexamined
+          << " bytes in " << totals.unexamined_messages << " messages\n";
   char rate[64];
   std::snprintf(rate, sizeof rate, "%.1f MB in %.2f s, %.1f MB/s", totals.bytes / 1e6, seconds,
                 seconds > 0 ? totals.bytes / 1e6 / seconds : 0.0);

@@ -40,7 +40,7 @@ int run_tree(const Host_options& options, const std::vector<std::string>& files,
     try {
       auto tree = session.open(file);
       if (json)
-        std::cout << tree_json(*tree, file).dump() << '\n';
+        std::cout << json_line(tree_json(*tree, file)) << '\n';
       else
         std::cout << tree_text(*tree, file);
       std::cout.flush();
@@ -104,7 +104,7 @@ void extract_one(const Host_session& session, const std::string& file, const fs:
                          {"properties", properties}});
   });
   Json manifest{{"file", file}, {"items", items}};
-  write_file((folder / "manifest.json").string(), manifest.dump(2) + "\n");
+  write_file((folder / "manifest.json").string(), manifest.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
   std::cerr << "extracted " << items.size() << " items of " << escaped_for_terminal(file) << " to "
             << escaped_for_terminal(folder.string()) << '\n';
 }
@@ -204,7 +204,7 @@ int run_disarm(const Host_options& options, const std::string& file, const std::
     document["disarmed"] = result.count("disarmed");
     document["remaining"] = remaining;
     document["written"] = remaining == 0 ? Json(out) : Json(nullptr);
-    says << document.dump() << '\n';
+    says << json_line(document) << '\n';
   }
   for (const auto& item : result.items) {
     std::string line = item.outcome + " " + (item.path.empty() ? "(top)" : item.path);

@@ -5,6 +5,7 @@
 
 #include "codecs/encoded_words.h"
 #include "contracts/zor.h"
+#include "manager/coverage.h"
 #include "manager/rfc822_handler.h"
 #include "reader/field_parsers.h"
 #include "reader/header_block.h"
@@ -21,12 +22,23 @@ bool is_recognition_field(std::string_view name) {
 
 enum class Smtp_handler_kind { rfc1521, rfc1505, rfc822 };
 
+// The text of the entity's body that no sub-item holds, as the handler
+// counted it; a handler that failed counts what it had reached, so a body
+// it never opened counts whole.
+void publish_unexamined(Fmg_handler_base& handler, Fmg_item& item) {
+  const auto* source = dynamic_cast<const Smtp_coverage_source*>(&handler);
+  if (source == nullptr || !source->coverage().started()) return;
+  const std::vector<Smtp_range> ranges = source->coverage().unexamined();
+  if (!ranges.empty()) item.set_property(smtp_unexamined, vek_stow(unexamined_text(ranges)));
+}
+
 }  // namespace
 
 void Smtp_format_manager::begin_properties(Vek_status& status) {
   status.clear();
   export_headers_.clear();
   add_empty_body_ = false;
+  report_unexamined_ = false;
   profile_ = &smtp_reference_profile;
 }
 
@@ -40,6 +52,8 @@ void Smtp_format_manager::set_property(const Tav_property& property, Vek_status&
     export_headers_.insert(at, std::move(name));
   } else if (vek_string_equal_nc(property.name(), u"AddBody")) {
     add_empty_body_ = property.bool_value();
+  } else if (vek_string_equal_nc(property.name(), smtp_report_unexamined)) {
+    report_unexamined_ = property.bool_value();
   } else if (vek_string_equal_nc(property.name(), u"Hardened")) {
     profile_ = property.bool_value() ? &smtp_hardened_profile : &smtp_reference_profile;
   } else {
@@ -152,6 +166,7 @@ Fmg_handler_base* Smtp_format_manager::open(Vek_buffer* buffer, Fmg_item& item, 
   item.set_property(ZOR_FORMAT_SUBTYPE, u"SMTP");
   item.log(32, 2, name(), Vek_status());
   handler->set_data(buffer, item, status);
+  if (report_unexamined_) publish_unexamined(*handler, item);
   if (!status.ok()) {
     // A message that we recognised stays taken even if its handler cannot
     // open it: the host sees it with no sub-items.

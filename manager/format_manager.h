@@ -1,8 +1,9 @@
 // Smtp_format_manager: the format manager for internet mail.
 //
 // Configured by the host with "ExportHeader" (repeatable), "AddBody",
-// "Hardened" (reader/profile.h) and the policy list; asked to open items, it recognises a mail message from
-// its header and returns the handler that fits it. It keeps nothing of an
+// "Hardened" (reader/profile.h), "ReportUnexamined" (manager/coverage.h)
+// and the policy list; asked to open items, it recognises a mail message
+// from its header and returns the handler that fits it. It keeps nothing of an
 // item. Its handlers hold references to its name and to export_headers, so
 // it must be released after every handler it opened.
 //
@@ -44,7 +45,8 @@ class Smtp_format_manager : public Fmg_manager_base {
   // item is not taken: a good status means it is no message, a failed one
   // that it could not be read. `buffer` must outlive the handler.
   Fmg_handler_base* open(Vek_buffer* buffer, Fmg_item& item, Vek_status& status) override;
-  // Forgets the header names, AddBody and Hardened; the policy stays.
+  // Forgets the header names, AddBody, Hardened and ReportUnexamined; the
+  // policy stays.
   void begin_properties(Vek_status& status) override;
   void set_property(const Tav_property& property, Vek_status& status) override;
 
@@ -53,6 +55,9 @@ class Smtp_format_manager : public Fmg_manager_base {
   bool add_empty_body() const { return add_empty_body_; }
   // The reference profile, or the hardened one after "Hardened" = true.
   const Smtp_profile& profile() const { return *profile_; }
+  // Whether each entity's item gets the ranges of its body that reach the
+  // host in no sub-item ("ReportUnexamined" = true).
+  bool report_unexamined() const { return report_unexamined_; }
 
  protected:
   ~Smtp_format_manager() override = default;
@@ -61,6 +66,7 @@ class Smtp_format_manager : public Fmg_manager_base {
   Smtp_handler_factories factories_;
   std::vector<std::string> export_headers_;
   bool add_empty_body_ = false;
+  bool report_unexamined_ = false;
   const Smtp_profile* profile_ = &smtp_reference_profile;
 };
 

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "contracts/vek.h"
@@ -30,6 +31,12 @@ inline constexpr uint32_t smtp_item_attachment = 4;  // an attachment, or the bo
 inline constexpr uint32_t smtp_item_block_rest = 5;  // a text body from its first encoded block on
 inline constexpr uint32_t smtp_item_extra_reading =
     6;  // another reading of bytes that another record holds: for the host to classify, never written back
+
+// The property (a bool, true) that marks the sub-item of an extra reading
+// for the host: its bytes are another reading of the entity's, which no
+// rebuild writes back, so a host that counts items or replaces them can
+// tell it from the items it may change.
+inline constexpr std::u16string_view smtp_alternate_reading = u"AlternateReading";
 
 // A length or line count that is not known (after a replacement).
 inline constexpr uint32_t smtp_unknown_count = 0xFFFFFFFF;
@@ -58,6 +65,9 @@ class Smtp_item_record {
   uint32_t line_count;
   // The host replaced the data.
   bool modified = false;
+  // The data are the raw text of a part of a multipart reading, its header
+  // included, which the host opens as an entity of its own.
+  bool part = false;
   // The data, owned; may view the handler's `data`.
   std::unique_ptr<Vek_buffer> buffer;
   // Upper-case field name of a header record; else empty.

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "manager/header_export.h"
+#include "manager/signed_content.h"
 #include "manager/table_access.h"
 #include "reader/header_block.h"
 
@@ -18,11 +19,13 @@ constexpr const char* handler_name = "Smtp_rfc822_handler";
 
 }  // namespace
 
-void Smtp_rfc822_handler::set_data(Vek_buffer* buffer, Fmg_item&, Vek_status& status) {
+void Smtp_rfc822_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_status& status) {
   status.clear();
   data = buffer;
+  signed_content_ = is_signed_content(item);
   body_offset_ = 0;
   table_.clear_items();
+  coverage_ = Smtp_coverage();
 
   Vek_buffered_istream stream(data, true, status, vek_eol_lf);
   if (!status.ok()) return;
@@ -37,6 +40,7 @@ void Smtp_rfc822_handler::set_data(Vek_buffer* buffer, Fmg_item&, Vek_status& st
   if (!status.ok()) return;
   blank_line_ = skip_blank_line(stream);
   body_offset_ = stream.tell();
+  coverage_.start(data, body_offset_);
 
   // The body of a message is text whatever it looks like; the body of an
   // item that is no message of its own is an attachment and is never cut.
@@ -44,6 +48,7 @@ void Smtp_rfc822_handler::set_data(Vek_buffer* buffer, Fmg_item&, Vek_status& st
   table_.body_index =
       add_body(status, table_.items, table_.item_order, std::move(body_view), "text", "plain", "7bit",
                is_message_ ? smtp_item_body : smtp_item_attachment, profile_.blocks_past_long_lines);
+  if (status.ok()) coverage_.cover(body_offset_, data->size());
 
   // Moving the body to the end puts it behind the rest of a cut body, so the
   // host gets the body last.
@@ -56,6 +61,8 @@ bool Smtp_rfc822_handler::has_items(Fmg_item&, Vek_status& status) {
 }
 
 Vek_buffer* Smtp_rfc822_handler::get_item(uint32_t& position, Fmg_item& item, Vek_status& status) {
+  if (signed_content_ && table_.valid_position(position) && position >= table_.header_item_count)
+    mark_signed_content(item);
   return get_table_item(table_, position, item, is_message_, handler_name, status);
 }
 
@@ -72,7 +79,8 @@ void Smtp_rfc822_handler::free_item(uint32_t position, Fmg_item&, Vek_status& st
 bool Smtp_rfc822_handler::can_modify_item(uint32_t position, Fmg_item&, Vek_status& status) {
   status.clear();
   test_table_position(table_, position, handler_name, "can_modify_item");
-  return position >= table_.header_item_count;
+  // Another reading of a body is never written back.
+  return position >= table_.header_item_count && table_.at_position(position).type != smtp_item_extra_reading;
 }
 
 bool Smtp_rfc822_handler::is_item_modified(uint32_t position, Fmg_item&, Vek_status& status) {
@@ -110,7 +118,7 @@ Vek_buffer* Smtp_rfc822_handler::rebuild(Fmg_item& item, Vek_status& status) {
   if (status.ok() && !blank_line_ && profile_.header_lines.begin_line_ends_header) out.writeln("", status);
   if (!status.ok()) return result.release();
   for (const auto& record : table_.items) {
-    if (record->type == smtp_item_header) continue;
+    if (record->type == smtp_item_header || record->type == smtp_item_extra_reading) continue;
     // A failed record does not stop the others, and its failure stays in
     // the status for the caller: opening the next record's stream would
     // clear it, and the host would take a message with a hole for whole.

@@ -19,11 +19,12 @@
 #include <string>
 #include <vector>
 
+#include "manager/coverage.h"
 #include "manager/handler_base.h"
 #include "manager/item_table.h"
 #include "reader/profile.h"
 
-class Smtp_rfc822_handler : public Fmg_handler_base {
+class Smtp_rfc822_handler : public Fmg_handler_base, public Smtp_coverage_source {
  public:
   // `export_headers` must outlive the handler; `is_message` says whether the
   // item is a message of its own (else no header is exported and the body
@@ -45,7 +46,8 @@ class Smtp_rfc822_handler : public Fmg_handler_base {
   void set_item(uint32_t position, Vek_buffer* buffer, Fmg_item& item, Vek_status& status) override;
   // Checks the position; records stay until the handler ends.
   void free_item(uint32_t position, Fmg_item& item, Vek_status& status) override;
-  // False for an exported header, true for the other records.
+  // False for an exported header and an extra reading, true for the other
+  // records.
   bool can_modify_item(uint32_t position, Fmg_item& item, Vek_status& status) override;
   // Whether the host replaced this record.
   bool is_item_modified(uint32_t position, Fmg_item& item, Vek_status& status) override;
@@ -55,6 +57,8 @@ class Smtp_rfc822_handler : public Fmg_handler_base {
   // a copy of `data` if nothing changed, else the header bytes of `data`
   // followed by the non-header records in the order of the message.
   Vek_buffer* rebuild(Fmg_item& item, Vek_status& status) override;
+  // The body reaches the host whole once set_data has added it.
+  const Smtp_coverage& coverage() const override { return coverage_; }
 
  protected:
   ~Smtp_rfc822_handler() override;
@@ -68,7 +72,10 @@ class Smtp_rfc822_handler : public Fmg_handler_base {
   uint64_t body_offset_ = 0;
   // A blank line stood behind the header.
   bool blank_line_ = true;
+  // The message lies under a signature; its sub-items are marked so.
+  bool signed_content_ = false;
   Smtp_item_table table_;
+  Smtp_coverage coverage_;
 };
 
 #endif  // SMTPFM_MANAGER_RFC822_HANDLER_H_

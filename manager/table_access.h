@@ -18,6 +18,15 @@
 #include "contracts/vek.h"
 #include "contracts/zor.h"
 #include "manager/item_table.h"
+#include "reader/field_parsers.h"
+
+// A file name written in a message, for the host: UTF-8 where the bytes
+// are valid UTF-8, else one character per byte.
+inline Vek_wstring file_name_text(const std::string& name) {
+  Smtp_parameter_value value;
+  value.bytes = name;
+  return parameter_text(value);
+}
 
 // Throws invalid_argument "<handler>::<operation> - invalid position." unless
 // `position` names a record of `table`.
@@ -47,6 +56,10 @@ inline Vek_buffer* get_table_item(const Smtp_item_table& table, uint32_t& positi
     if (is_message)
       item.set_property(ZOR_ITEM_TYPE, record.type == smtp_item_body ? ZOR_BODY_ITEM : ZOR_ATTACHMENT_ITEM);
     item.add_property(length);
+    if (record.type == smtp_item_extra_reading) {
+      item.add_property(Tav_property(Vek_wstring(smtp_alternate_reading), true));
+      if (!record.file_name.empty()) item.set_property(ZOR_ITEM_NAME, file_name_text(record.file_name));
+    }
   }
   ++position;
   if (position == table.count()) position = smtp_no_position;

@@ -58,6 +58,7 @@ Json evaluation_json(const std::string& file, const Evaluation& evaluation) {
              {"type", item.facts.mime_type}, {"item_type", item.facts.item_type},
              {"size", item.facts.size},  {"depth", item.facts.depth},
              {"encrypted", item.facts.encrypted}, {"signed", item.facts.is_signed},
+             {"unexamined", item.facts.unexamined},
              {"action", action_name(item.action)}};
     out["rule"] = item.rule ? Json(item.rule->name) : Json(nullptr);
     out["line"] = item.rule ? Json(item.rule->line) : Json(nullptr);
@@ -89,6 +90,7 @@ std::string evaluation_text(const std::string& file, const Evaluation& evaluatio
     if (item.facts.encrypted) line += " encrypted";
     if (item.facts.is_signed) line += " signed";
     if (item.facts.depth_limited) line += " depth-limit";
+    if (item.facts.unexamined != 0) line += " unexamined " + std::to_string(item.facts.unexamined) + " bytes";
     line += " -> " + std::string(action_name(item.action));
     line += item.rule ? " by rule " + item.rule->name + " (line " + std::to_string(item.rule->line) + ")"
                       : std::string(" (no rule)");
@@ -118,7 +120,7 @@ void run_check(const Host_options& options, const std::string& policy_path, cons
       continue;
     }
     Evaluation evaluation = evaluate_bytes(policy, session, std::move(bytes), passed_on);
-    report << (json ? evaluation_json(file, evaluation).dump() + "\n" : evaluation_text(file, evaluation));
+    report << (json ? json_line(evaluation_json(file, evaluation)) + "\n" : evaluation_text(file, evaluation));
     report.flush();
     if (write.empty()) continue;
     if (!evaluation.passes()) fail(file + ": refused, nothing to write");

@@ -108,8 +108,9 @@ Item_facts item_facts(const Message_tree& tree, const Item_node& node) {
     std::string name = attachment_name(tree, node);
     if (!name.empty()) facts.names.push_back(std::move(name));
   }
-  // Reads zero until the plug-in reports the bytes it skipped.
-  facts.unexamined = 0;
+  // The bytes that no item holds, of the node and of every entity around
+  // it: a policy cannot judge them, wherever they lie.
+  for (const Item_node* at = &node; at != nullptr; at = at->parent) facts.unexamined += unexamined_bytes(*at);
   return facts;
 }
 
@@ -172,17 +173,23 @@ Evaluation evaluate(const Policy& policy, Message_tree& tree) {
   };
   // Each disarm puts a text/plain notice, named as the item was with
   // ".txt" behind, in place of the item's entity, as `smtpfm disarm` does.
-  // Items that are disarmed never lie inside one another, so the paths
-  // still to come stand where they stood; one that is gone went with the
-  // entity of an item before it.
+  // What each one replaces is judged before any is carried out (an extra
+  // reading goes with the item that holds its bytes, which may hold other
+  // items too); one that lies in what an earlier one replaced went with it.
+  std::vector<std::string> replaces, replaced;
+  for (const std::string& path : disarmed) replaces.push_back(disarm_replaces(*tree.find(path)).path);
   size_t next = 0;
-  for (const std::string& path : disarmed) {
-    while (evaluation.items[next].path != path) ++next;
+  for (size_t i = 0; i < disarmed.size(); ++i) {
+    while (evaluation.items[next].path != disarmed[i]) ++next;
     Item_decision& decision = evaluation.items[next];
-    Item_node* node = tree.find(path);
+    if (std::any_of(replaced.begin(), replaced.end(),
+                    [&](const std::string& entity) { return lies_in(replaces[i], entity); }))
+      continue;
+    Item_node* node = tree.find(disarmed[i]);
     if (node == nullptr) continue;
     if (!disarm_item(tree, *node, notice_text(policy.notice, decision), decision.error))
       return failed("item " + decision.path + " cannot be disarmed: " + decision.error);
+    replaced.push_back(replaces[i]);
   }
   std::string error;
   if (!tree.rebuild(evaluation.message, error)) return failed("the disarmed message cannot be written: " + error);

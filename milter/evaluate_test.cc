@@ -63,6 +63,10 @@ name = "sealed"
 encrypted = true
 action = "quarantine"
 [[rule]]
+name = "hidden"
+unexamined = true
+action = "quarantine"
+[[rule]]
 name = "text"
 type = "text/plain"
 action = "accept"
@@ -95,6 +99,12 @@ TEST(Evaluate, VerdictRulesAndWhatPassesOn) {
        "From: a@example.org\r\nMIME-Version: 1.0\r\nContent-Type: application/pkcs7-mime; "
        "smime-type=enveloped-data\r\nContent-Transfer-Encoding: base64\r\n\r\nQUJD\r\n",
        "quarantine; rules=sealed", "", ""},
+      // Read by another boundary, a part inside the text part: that part goes.
+      {"exe of another reading",
+       "From: a@example.org\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b; boundary=c\r\n\r\n"
+       "--b\r\n\r\nHello there\r\n--b\r\n\r\n--c\r\nContent-Type: application/octet-stream; name=setup.exe\r\n"
+       "Content-Transfer-Encoding: base64\r\n\r\nQUJD\r\n--c--\r\n--b--\r\n",
+       "disarm; rules=text,exe", "", "removed by exe: setup.exe", "--b\r\nContent-Type: text/plain; charset=us-ascii; name=\"setup.exe.txt\""},
       {"not mail", "X-Junk: \x01\x02\x03\x04\x05\x06\r\n\r\nbody\r\n", "tempfail; error", "not recognised as mail", ""},
       // A signature covers the part: the exe cannot go without breaking it.
       {"disarm refused",
@@ -180,6 +190,8 @@ TEST(Commands, CheckAndFilterWriteWhereAUnixToolDoes) {
   write_file((dir / "policy.toml").string(), policy_text);
   write_file((dir / "exe.eml").string(), uuencoded("evil.exe"));
   write_file((dir / "script.eml").string(), uuencoded("run.js"));
+  write_file((dir / "preamble.eml").string(),
+             "From: a@example.org\nMIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=b\n\nhidden\n--b\n\nHi\n--b--\n");
   const struct {
     const char* name;
     std::string arguments;  // in the folder, with the policy
@@ -194,6 +206,8 @@ TEST(Commands, CheckAndFilterWriteWhereAUnixToolDoes) {
       // The message on standard output alone; the report beside it.
       {"check --write -", "check exe.eml --write -", 0, "X-Smtpfm-Verdict: disarm; rules=exe\n",
        "[0.0] attachment \"evil.exe\""},
+      // The reference reading leaves the preamble in no item.
+      {"check --strict", "check --strict preamble.eml", 0, "preamble.eml: quarantine\n", ""},
       {"check goes on", "check missing.eml script.eml", 1, "script.eml: reject (554 5.7.1 No scripts)",
        "missing.eml: cannot open"},
   };

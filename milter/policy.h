@@ -42,7 +42,7 @@ struct Item_facts {
   bool is_signed = false;          // inside a signed entity
   uint32_t depth = 0;              // 1 for a part of the top message
   uint64_t size = 0;               // the item's bytes as the plug-in gives them
-  uint64_t unexamined = 0;         // bytes the plug-in could not look at
+  uint64_t unexamined = 0;         // bytes of it and the entities around it that reach no item
   bool depth_limited = false;      // the walk stopped at its depth bound here
 };
 

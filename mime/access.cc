@@ -4,6 +4,7 @@
 
 #include "codecs/encoded_words.h"
 #include "contracts/zor.h"
+#include "manager/signed_content.h"
 #include "manager/table_access.h"
 #include "mime/rfc1521_handler.h"
 #include "reader/content_type_repair.h"
@@ -86,10 +87,20 @@ void add_parameter_names(std::vector<Vek_wstring>& names, const std::vector<Smtp
   if (last != first) add_plain_name(names, *last);
 }
 
+// Whether `value` holds "name" in any case: a field without it names
+// nothing, and most fields (a text part's type, "inline") are such.
+bool may_hold_a_name(std::string_view value) {
+  for (size_t at = value.find_first_of("nN"); at != std::string_view::npos && value.size() - at >= 4;
+       at = value.find_first_of("nN", at + 1))
+    if (vek_string_equal_nc(value.substr(at, 4), "name")) return true;
+  return false;
+}
+
 // The names in one field, as the parser reads it and as a split at ';'
 // reads it, which keeps an unquoted name with blanks, parentheses or
 // tspecials whole.
 void add_field_names(std::vector<Vek_wstring>& names, const std::string& value, bool content_type) {
+  if (!may_hold_a_name(value)) return;
   const std::string_view attribute = content_type ? "name" : "filename";
   std::string head, type, subtype;
   std::vector<Smtp_header_field> parameters;
@@ -134,8 +145,9 @@ void Smtp_rfc1521_handler::collect_file_names(const std::vector<std::string>& co
 bool Smtp_rfc1521_handler::has_items(Fmg_item&, Vek_status& status) {
   status.clear();
   // The records of an encrypted entity can only be its exported headers;
-  // the host is not shown an entity it cannot look into.
-  if (is_encrypted_) return false;
+  // the host is not shown an entity it cannot look into, unless its
+  // content is offered all the same.
+  if (is_encrypted_ && !profile_.encrypted_content_offered) return false;
   return !table_.items.empty();
 }
 
@@ -145,6 +157,9 @@ Vek_buffer* Smtp_rfc1521_handler::get_item(uint32_t& position, Fmg_item& item, V
   const Smtp_item_record& record = table_.at_position(position);
   // The length goes out as a signed number: an unknown length reads -1.
   const Tav_property length(ZOR_ITEM_LENGTH, static_cast<int32_t>(record.length));
+  if ((is_signed_ || signed_content_) && record.type != smtp_item_header) mark_signed_content(item);
+  if (record.type == smtp_item_extra_reading)
+    item.add_property(Tav_property(Vek_wstring(smtp_alternate_reading), true));
   if (record.type == smtp_item_header) {
     item.set_property(ZOR_ITEM_TYPE, ZOR_HEADER_ITEM);
     item.add_property(length);
@@ -156,16 +171,20 @@ Vek_buffer* Smtp_rfc1521_handler::get_item(uint32_t& position, Fmg_item& item, V
       item.set_property(ZOR_ITEM_TYPE, body ? ZOR_BODY_ITEM : ZOR_ATTACHMENT_ITEM);
     }
     item.add_property(length);
-    if (vek_string_equal_nc(mime_type_, "multipart")) {
+    if (vek_string_equal_nc(mime_type_, "multipart") || record.part) {
       // A part: its own handler will publish its type; this one only
       // passes on the type to assume when the part has no field of its own.
       item.set_property(ZOR_ENCLOSED_MIME_TYPE, vek_stow(record.mime_type));
       item.set_property(ZOR_ENCLOSED_MIME_SUBTYPE, vek_stow(record.mime_subtype));
     } else {
-      // The content of this entity.
-      item.set_property(ZOR_MIME_TYPE, vek_stow(mime_type_));
-      item.set_property(ZOR_MIME_SUBTYPE, vek_stow(mime_subtype_));
-      if (profile_.file_names_as_clients_read_them) {
+      // The content of this entity; a file decoded from it is of a type
+      // of its own, under the name of its "begin" line.
+      const bool own_file = record.type == smtp_item_extra_reading && !record.file_name.empty();
+      item.set_property(ZOR_MIME_TYPE, vek_stow(own_file ? record.mime_type : mime_type_));
+      item.set_property(ZOR_MIME_SUBTYPE, vek_stow(own_file ? record.mime_subtype : mime_subtype_));
+      if (own_file) {
+        item.set_property(ZOR_ITEM_NAME, file_name_text(record.file_name));
+      } else if (profile_.file_names_as_clients_read_them) {
         if (!file_names_.empty()) item.set_property(ZOR_ITEM_NAME, file_names_.front());
         for (size_t i = 1; i < file_names_.size(); ++i) {
           Vek_wstring property(smtp_item_alternate_name);
@@ -179,10 +198,10 @@ Vek_buffer* Smtp_rfc1521_handler::get_item(uint32_t& position, Fmg_item& item, V
       }
       // A message with UTF-8 headers (RFC 6532) is a message all the same:
       // the host offers message/rfc822 as one by itself, this one on our word.
-      if (profile_.message_global_is_message && vek_string_equal_nc(mime_type_, "message") &&
+      if (profile_.message_global_is_message && !own_file && vek_string_equal_nc(mime_type_, "message") &&
           vek_string_equal_nc(mime_subtype_, "global"))
         item.add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
-      if (vek_string_equal_nc(mime_type_, "text"))
+      if (!own_file && vek_string_equal_nc(mime_type_, "text"))
         item.set_property(ZOR_ITEM_CHARSET, charset_or(u"US-ASCII"));
     }
   }
@@ -218,8 +237,9 @@ bool Smtp_rfc1521_handler::is_item_modified(uint32_t position, Fmg_item&, Vek_st
 
 bool Smtp_rfc1521_handler::is_modified(Fmg_item&, Vek_status& status) {
   status.clear();
-  // A repaired "Content-Type" is written back even if nothing else changed.
-  return content_type_repaired_ || table_.any_modified();
+  // A repaired "Content-Type" is written back even if nothing else changed,
+  // except under a signature, which the repair would break.
+  return (content_type_repaired_ && !signed_content_) || table_.any_modified();
 }
 
 Vek_wstring Smtp_rfc1521_handler::charset_or(std::u16string_view fallback) const {

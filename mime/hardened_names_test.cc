@@ -75,8 +75,9 @@ TEST(HardenedNames, ContentAsClientsReadIt) {
        "text/plain [evil.exe] x\r\n", "text/plain [=?utf-8?B?ZXZpbC5leGU=?=] x\r\n"},
       {"encoded word with a language", "Content-Type: text/plain; name=\"a=?US-ASCII*EN?Q?b?=c.exe\"", "x",
        "text/plain [abc.exe] x\r\n", "text/plain [a=?US-ASCII*EN?Q?b?=c.exe] x\r\n"},
-      {"filename before name", "Content-Type: text/plain; name=a.txt|Content-Disposition: inline; filename=b.exe",
-       "x", "text/plain [b.exe|a.txt] x\r\n", "text/plain [a.txt] x\r\n"},
+      {"filename before name",
+       "Content-Type: text/plain; name=a.txt|Content-Disposition: inline; filename=b.exe", "x",
+       "text/plain [b.exe|a.txt] x\r\n", "text/plain [a.txt] x\r\n"},
       {"two filenames and two fields",
        "Content-Type: text/plain|Content-Disposition: inline; filename=a.txt; filename=b.exe|"
        "Content-Disposition: inline; filename=c.scr",
@@ -86,36 +87,43 @@ TEST(HardenedNames, ContentAsClientsReadIt) {
        "text/plain [a|c] x\r\n", "text/plain [] x\r\n"},
       {"unquoted name with a comment", "Content-Type: text/plain; name=my file (1).exe", "x",
        "text/plain [my file .exe|my file (1).exe] x\r\n", "text/plain [my file .exe] x\r\n"},
-      {"type with a broken parameter", "Content-Type: application/x-foo; name=\"a.exe\"; junk|"
+      {"type with a broken parameter",
+       "Content-Type: application/x-foo; name=\"a.exe\"; junk|"
        "Content-Transfer-Encoding: base64",
        "TVohIQ==", "application/x-foo [a.exe] MZ!!", "-"},
-      {"type with no head", "Content-Type: /; name=\"b.exe|Content-Transfer-Encoding: base64", "TVohIQ==",
-       "application/octet-stream [b.exe] MZ!!", "-"},
+      {"type with no head", "Content-Type: /; name=\"b.exe|Content-Transfer-Encoding: base64",
+       "TVohIQ==", "application/octet-stream [b.exe] MZ!!", "-"},
       {"multipart type with an unclosed quote: split as sent, not as repaired",
        "Content-Type: multipart/mixed; boundary=\"XX", "--XX|Content-Type: text/plain||hi|--XX--",
        "/ [] Cont", "-"},
-      {"broken disposition", "Content-Type: application/octet-stream|"
+      {"broken disposition",
+       "Content-Type: application/octet-stream|"
        "Content-Disposition: attachment; filename=c@d.exe; size=(3|Content-Transfer-Encoding: base64",
        "TVohIQ==", "application/octet-stream [c@d.exe] MZ!!", "-"},
-      {"octet-stream named like S/MIME", "Content-Type: application/octet-stream; name=smime.p7m|"
+      {"octet-stream named like S/MIME",
+       "Content-Type: application/octet-stream; name=smime.p7m|"
        "Content-Transfer-Encoding: base64",
        "TVohIQ==", "application/octet-stream [smime.p7m] MZ!!", "-"},
-      {"S/MIME by type stays encrypted", "Content-Type: application/pkcs7-mime; name=x.exe|"
-       "Content-Transfer-Encoding: base64",
-       "TVohIQ==", "-", "-"},
-      {"transfer encoding of two words", "Content-Type: application/octet-stream|"
+      {"S/MIME by type stays encrypted, its content offered all the same",
+       "Content-Type: application/pkcs7-mime; name=x.exe|Content-Transfer-Encoding: base64",
+       "TVohIQ==", "application/pkcs7-mime [x.exe] MZ!!", "-"},
+      {"transfer encoding of two words",
+       "Content-Type: application/octet-stream|"
        "Content-Transfer-Encoding: base64 encoded",
        "TVohIQ==", "application/octet-stream [] MZ!!", "-"},
-      {"transfer encoding quoted", "Content-Type: application/octet-stream|Content-Transfer-Encoding: \"Base64\"",
+      {"transfer encoding quoted",
+       "Content-Type: application/octet-stream|Content-Transfer-Encoding: \"Base64\"",
        "TVohIQ==", "application/octet-stream [] MZ!!", "-"},
       {"two transfer encodings: the first reading follows",
-       "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64|Content-Transfer-Encoding: 7bit",
+       "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64|Content-Transfer-Encoding: "
+       "7bit",
        "TVohIQ==", "application/octet-stream [] MZ!! + application/octet-stream [] TVoh",
        "application/octet-stream [] TVoh"},
-      {"uuencode names its file", "Content-Type: application/octet-stream; name=u.bin|"
+      {"uuencode names its file",
+       "Content-Type: application/octet-stream; name=u.bin|"
        "Content-Transfer-Encoding: x-uuencode",
-       "begin 644 inner.exe|M35J0|`|end", "application/octet-stream [u.bin|inner.exe] begi",
-       "application/octet-stream [u.bin] begi"},
+       "begin 644 inner.exe|#34UZ|`|end",
+       "application/octet-stream [u.bin|inner.exe] begi", "application/octet-stream [u.bin] begi"},
   };
   for (const Case& c : cases) {
     const std::string text = single(c.headers, c.body);
@@ -186,6 +194,83 @@ TEST(HardenedMultipart, LastPartWithoutClosingDelimiter) {
                       "Content-Type: text/plain||one|--b|Content-Type: text/plain||removed||--b--"));
 }
 
+// The leaves of a message in walk order, "+" in front of an extra reading
+// (never written back) and of what lies under one, "|" for CR LF.
+std::vector<std::string> leaves(const mime_test::Plugin& plugin, const std::string& text) {
+  auto tree = plugin.open(text);
+  std::vector<std::string> out;
+  tree->for_each([&out](Item_node& node) {
+    if (node.parent == nullptr || !node.is_leaf()) return;
+    bool extra = false;
+    for (const Item_node* up = &node; up != nullptr; up = up->parent)
+      extra = extra || up->item->properties().find(u"AlternateReading") != nullptr;
+    std::string bytes(node.bytes());
+    for (size_t at = 0; (at = bytes.find("\r\n", at)) != std::string::npos;) bytes.replace(at, 2, "|");
+    out.push_back((extra ? "+" : "") + bytes);
+  });
+  return out;
+}
+
+// Where readers differ on a multipart body or on a body's encoding, the
+// host gets every reading; the reference gets the one of its own rules.
+TEST(HardenedMultipart, EveryReadingOfTheBody) {
+  const struct {
+    const char* name;
+    std::string text;
+    std::vector<std::string> hardened;
+    std::vector<std::string> reference;
+  } cases[] = {
+      {"text outside the parts",
+       mime_test::message("multipart/mixed; boundary=b", "pre|--b||one|--b--|epi"),
+       {"+pre|", "+epi|", "one"},
+       {"one"}},
+      {"a boundary that only RFC 2231 gives",
+       mime_test::message("multipart/mixed; boundary*=''b", "--b||one|--b--"),
+       {"one"},
+       {}},
+      {"two boundary parameters",
+       mime_test::message("multipart/mixed; boundary=a; boundary=b", "--b||one|--b--"),
+       {"one"},
+       {}},
+      {"a delimiter line that goes on",
+       mime_test::message("multipart/mixed; boundary=b", "--b||one|--b x||two|--b--"),
+       {"+one", "+two", "one|--b x||two"},
+       {"one|--b x||two"}},
+      // The prefix rule cuts the outer body where the inner one cuts by its
+      // own boundary: nothing new.
+      {"an inner boundary that begins with the outer one",
+       mime_test::message("multipart/mixed; boundary=b",
+                          "--b|Content-Type: multipart/alternative; boundary=b1||--b1||one|--b1--|--b--"),
+       {"one"},
+       {"one"}},
+      {"the parts behind the signed one",
+       mime_test::message("multipart/signed; boundary=s", "--s||signed|--s||SIG|--s--"),
+       {"+SIG", "signed"},
+       {"signed"}},
+      {"encrypted",
+       mime_test::message("multipart/encrypted; boundary=e", "--e||cipher|--e--"),
+       {"+cipher"},
+       {}},
+      {"another Content-Type field",
+       mime_test::message("multipart/mixed; boundary=b|Content-Type: text/plain", "--b||one|--b--"),
+       {"+one", "--b||one|--b--|"},
+       {"--b||one|--b--|"}},
+      {"Base64 behind a padding",
+       mime_test::message("text/plain|Content-Transfer-Encoding: base64", "QQ==|QkM="),
+       {"+BC", "A"},
+       {"A"}},
+      {"quoted-printable soft break with blanks",
+       mime_test::message("text/plain|Content-Transfer-Encoding: quoted-printable", "a= |b"),
+       {"ab|"},
+       {"a= |b|"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(leaves(hardened_plugin(), c.text), c.hardened);
+    EXPECT_EQ(leaves(mime_test::plugin(), c.text), c.reference);
+  }
+}
+
 // A uuencoded file right behind the header, with no blank line: hardened,
 // the message is taken and the file is an item of its own; replaced, it
 // goes out behind the blank line the header lacked.
@@ -194,6 +279,7 @@ TEST(HardenedHeaders, UuencodedFileRightBehindTheHeader) {
   EXPECT_FALSE(mime_test::plugin().open(text)->root().taken());
   auto tree = hardened_plugin().open(text);
   ASSERT_TRUE(tree->root().taken());
+  // Its lines, for the host's uuencode format manager to decode.
   EXPECT_EQ(std::string(tree->find("0")->bytes()), crlf("begin 644 evil.exe|#34UZ|`|end"));
   std::string out, error;
   ASSERT_TRUE(tree->replace(*tree->find("0"), "removed\r\n", error)) << error;

@@ -1,5 +1,6 @@
 // Opening a MIME entity: its header, its type and transfer encoding, and
 // its body as records.
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "contracts/zor.h"
 #include "encoding/block_scanner.h"
 #include "manager/header_export.h"
+#include "manager/signed_content.h"
 #include "manager/table_access.h"
 #include "mime/rfc1521_handler.h"
 #include "reader/content_type_repair.h"
@@ -125,6 +127,8 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   data = buffer;
   clear_items();
   content_type_repaired_ = false;
+  content_type_as_sent_ = false;
+  signed_content_ = is_signed_content(item);
   header_end_ = 0;
   encoding_ = "7bit";
   mime_type_.clear();
@@ -133,6 +137,9 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   new_content_type_.clear();
   parameters_.clear();
   file_names_.clear();
+  boundary_text_.clear();
+  nested_boundaries_.clear();
+  coverage_ = Smtp_coverage();
 
   Vek_buffered_istream stream(data, true, status, vek_eol_lf);
   if (!status.ok()) return;
@@ -158,7 +165,8 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
         // The last of several fields of a name counts.
         if (vek_string_equal_nc(field.name, "Content-Type")) {
           content_type = field.value;
-          if (profile_.file_names_as_clients_read_them) content_types.push_back(field.value);
+          if (profile_.file_names_as_clients_read_them || profile_.every_boundary_reading)
+            content_types.push_back(field.value);
         } else if (vek_string_equal_nc(field.name, "Content-Transfer-Encoding")) {
           transfer_encoding = field.value;
           if (transfer_encoding_count++ == 0) first_transfer_encoding = field.value;
@@ -172,6 +180,7 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   if (!status.ok()) return;
   header_end_ = stream.tell();
   skip_blank_line(stream);
+  coverage_.start(data, stream.tell());
 
   // Without a field of its own, a part has the type that its parent gave
   // it (message/rfc822 in a digest); anything else is plain text.
@@ -196,10 +205,15 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   if (!status.ok()) {
     item.log(33, smtp_log_severity, source_name_, status);
     status.clear();
-    if (profile_.bad_content_type_read_leniently)
+    if (profile_.bad_content_type_read_leniently) {
       read_content_type_leniently(sent_content_type, mime_type_, mime_subtype_, parameters_);
-    else
+      // What was read is the field as sent: a rebuild writes it so, neither
+      // repaired nor refolded, either of which could read otherwise.
+      content_type_repaired_ = false;
+      content_type_as_sent_ = true;
+    } else {
       malformed = true;
+    }
   }
 
   std::string disposition;
@@ -222,9 +236,10 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   classify_secure_entity(disposition_parameters, status);
   if (!status.ok()) return;
   if (is_encrypted_) {
-    // Nothing of an enciphered body is of use to the host.
+    // Nothing of an enciphered body is of use to the host, unless it is
+    // not what its label says.
     item.log(36, smtp_log_severity, source_name_, Vek_status());
-    return;
+    if (!profile_.encrypted_content_offered) return;
   }
 
   if (!transfer_encoding.empty()) {
@@ -254,7 +269,7 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   const uint64_t body_start = stream.tell();
   if (!malformed) {
     if (vek_string_equal_nc(mime_type_, "multipart")) {
-      open_multipart(stream, item, status);
+      open_multipart(stream, item, content_types, status);
     } else if (vek_string_equal_nc(encoding_, "quoted-printable")) {
       decode_quoted_printable_body(stream, item, is_body, status);
     } else if (vek_string_equal_nc(encoding_, "base64")) {
@@ -264,11 +279,19 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
       // of a message even with the disposition "attachment": nothing marks
       // it as a file of its own, as an encoding would.
       auto body = std::make_unique<Vek_sub_buffer>(data, stream.tell(), vek_to_end);
+      const uint32_t type = record_type(is_message_);
       uint32_t index = add_body(status, table_.items, table_.item_order, std::move(body), mime_type_,
-                                mime_subtype_, encoding_, is_message_ ? smtp_item_body : smtp_item_attachment,
-                                profile_.blocks_past_long_lines);
-      if (status.ok()) table_.body_index = index;
+                                mime_subtype_, encoding_, type, profile_.blocks_past_long_lines);
+      if (status.ok()) {
+        if (type == smtp_item_body) table_.body_index = index;
+        coverage_.cover(body_start, data->size());
+      }
     }
+    // Clients that read another Content-Type field may take the body for
+    // a multipart and show its parts.
+    if (profile_.every_boundary_reading && content_types.size() > 1 && status.ok() &&
+        !vek_string_equal_nc(mime_type_, "multipart"))
+      add_other_type_readings(stream, body_start, content_types);
     if (profile_.every_transfer_encoding_reading && transfer_encoding_count > 1 && status.ok() &&
         !vek_string_equal_nc(mime_type_, "multipart")) {
       // Clients that read the first of two fields decode the body their way.
@@ -305,7 +328,8 @@ void Smtp_rfc1521_handler::decode_quoted_printable_body(Vek_istream& stream, Fmg
   // Decoding never makes more bytes than it reads: the buffer of a small
   // body stays small, that of a large one grows only once.
   decoded->reserve(length);
-  decode_quoted_printable(stream, out, start, length, status, profile_.quoted_printable_as_clients_decode);
+  decode_quoted_printable(stream, out, start, length, status, profile_.quoted_printable_as_clients_decode,
+                          profile_.quoted_printable_padded_breaks);
   if (status == smtp_qp_end_in_escape && profile_.quoted_printable_as_clients_decode) {
     // Decoded all the same, the unfinished escape as it stands.
     item.log(33, smtp_log_severity, source_name_, status);
@@ -313,10 +337,14 @@ void Smtp_rfc1521_handler::decode_quoted_printable_body(Vek_istream& stream, Fmg
   }
   if (status.ok()) {
     out.detach();
-    uint32_t index = add_body(
-        status, table_.items, table_.item_order, std::move(decoded), mime_type_, mime_subtype_,
-        "quoted-printable", is_body ? smtp_item_body : smtp_item_attachment, profile_.blocks_past_long_lines);
-    if (is_body && status.ok()) table_.body_index = index;
+    const uint32_t type = record_type(is_body);
+    uint32_t index =
+        add_body(status, table_.items, table_.item_order, std::move(decoded), mime_type_, mime_subtype_,
+                 "quoted-printable", type, profile_.blocks_past_long_lines);
+    if (status.ok()) {
+      if (type == smtp_item_body) table_.body_index = index;
+      coverage_.cover(start, size);
+    }
     return;
   }
   // Data that end inside an escape are a fault of the message: the entity
@@ -339,7 +367,9 @@ void Smtp_rfc1521_handler::decode_base64_body(Vek_istream& stream, Fmg_item& ite
   const uint64_t length = size > start ? size - start : 0;
   // Four characters give at most three bytes.
   decoded->reserve(length / 4 * 3 + 3);
-  decode_base64(stream, out, start, length, status, profile_.base64_as_clients_decode);
+  Smtp_base64_reading reading;
+  reading.lenient = profile_.base64_as_clients_decode;
+  decode_base64(stream, out, start, length, status, reading);
   if (status == smtp_bad_base64 && profile_.base64_as_clients_decode) {
     // Decoded all the same, as clients decode it: the fault is logged and
     // the attachment still reaches the host.
@@ -350,16 +380,40 @@ void Smtp_rfc1521_handler::decode_base64_body(Vek_istream& stream, Fmg_item& ite
     out.detach();
     // The record's encoding is the label that all decoded bodies carry; it
     // is never read back, since the entity's own encoding rules rebuild.
-    uint32_t index = add_body(
-        status, table_.items, table_.item_order, std::move(decoded), mime_type_, mime_subtype_,
-        "quoted-printable", is_body ? smtp_item_body : smtp_item_attachment, profile_.blocks_past_long_lines);
-    if (is_body && status.ok()) table_.body_index = index;
+    const uint32_t type = record_type(is_body);
+    uint32_t index =
+        add_body(status, table_.items, table_.item_order, std::move(decoded), mime_type_, mime_subtype_,
+                 "quoted-printable", type, profile_.blocks_past_long_lines);
+    if (!status.ok()) return;
+    if (type == smtp_item_body) table_.body_index = index;
+    coverage_.cover(start, reading.data_end);
+    // What follows the padding that ended the data, read as more Base64.
+    if (profile_.base64_past_padding && reading.data_end < size &&
+        !is_padding_or_blank(reading.data_end, size)) {
+      add_extra_reading(reading.data_end, "base64");
+      coverage_.cover(reading.data_end, size);
+    }
     return;
   }
   if (status == smtp_bad_base64) {
     item.log(33, smtp_log_severity, source_name_, status);
     status.clear();
   }
+}
+
+// The type of a record of this entity's content: an extra reading where
+// the entity is encrypted (its content is offered, never written back).
+uint32_t Smtp_rfc1521_handler::record_type(bool is_body) const {
+  if (is_encrypted_) return smtp_item_extra_reading;
+  return is_body ? smtp_item_body : smtp_item_attachment;
+}
+
+// Whether the bytes of `data` from `start` to `end` are all "=" and white
+// space.
+bool Smtp_rfc1521_handler::is_padding_or_blank(uint64_t start, uint64_t end) const {
+  const uint8_t* bytes = data->data();
+  return std::all_of(bytes + start, bytes + end,
+                     [](uint8_t c) { return c == '=' || c == ' ' || c == '\t' || c == '\r' || c == '\n'; });
 }
 
 // The body from `start` on read by another transfer encoding, as a record
@@ -378,9 +432,14 @@ void Smtp_rfc1521_handler::add_extra_reading(uint64_t start, const std::string& 
     const uint64_t size = step.ok() ? input.size(step) : 0;
     const uint64_t length = size > start ? size - start : 0;
     if (step.ok() && decoding == Smtp_decoding::quoted_printable)
-      decode_quoted_printable(input, out, start, length, step, profile_.quoted_printable_as_clients_decode);
-    else if (step.ok())
-      decode_base64(input, out, start, length, step, profile_.base64_as_clients_decode);
+      decode_quoted_printable(input, out, start, length, step, profile_.quoted_printable_as_clients_decode,
+                              profile_.quoted_printable_padded_breaks);
+    else if (step.ok()) {
+      Smtp_base64_reading reading;
+      reading.lenient = profile_.base64_as_clients_decode;
+      reading.past_padding = profile_.base64_past_padding;
+      decode_base64(input, out, start, length, step, reading);
+    }
     if (step == smtp_bad_base64 && profile_.base64_as_clients_decode) step.clear();
     if (step == smtp_qp_end_in_escape && profile_.quoted_printable_as_clients_decode) step.clear();
     if (!step.ok()) return;

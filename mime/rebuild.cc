@@ -7,7 +7,10 @@
 // field (refolded), and the encoding of quoted-printable and Base64 bodies.
 // No transfer encoding is chosen anew, with one exception: a "7bit" text
 // that now holds 8-bit bytes in a known character set becomes
-// quoted-printable, since sending it as it is would break RFC 1521.
+// quoted-printable, since sending it as it is would break RFC 1521; its
+// header then carries one "Content-Transfer-Encoding" that says so.
+// Header text that the field reader refuses (a line at its length limit
+// that opening took all the same) is copied as it stands.
 //
 // The source is read in the line mode of opening (a line ends at LF, a CR
 // in front of it is dropped), so that the writers see the lines that
@@ -93,16 +96,12 @@ Vek_buffer* Smtp_rfc1521_handler::rebuild(Fmg_item&, Vek_status& status) {
     return result.release();
   }
   if (vek_string_equal_nc(mime_type_, "multipart")) {
-    // A multipart entity with records was split at its boundary, so the
-    // parameter is there.
-    const Smtp_header_field* boundary = find_parameter(parameters_, "boundary");
-    if (boundary == nullptr) {
+    // A multipart entity with records was split at a boundary.
+    if (boundary_text_.empty()) {
       write_source_body(*result, status);
       return result.release();
     }
-    std::string boundary_text = boundary->value;
-    vek_trim(boundary_text);
-    write_multipart(*result, boundary_text, status);
+    write_multipart(*result, status);
   } else if (vek_string_equal_nc(encoding_, "7bit")) {
     Vek_wstring charset = charset_or(u"ISO-8859-1");
     if (!has_eight_bit_text(charset, status)) {
@@ -160,33 +159,75 @@ bool Smtp_rfc1521_handler::has_eight_bit_text(const Vek_wstring& charset, Vek_st
 }
 
 void Smtp_rfc1521_handler::write_headers(Vek_istream& input, Vek_ostream& output, bool refold_content_type,
-                                         Vek_status& status) {
+                                         bool quoted_printable, Vek_status& status) {
   status.clear();
   std::string name;
   std::vector<std::string> lines;
   lines.reserve(8);
   bool content_type_seen = false;
+  bool encoding_seen = false;
   // The header ends where opening found it to end: lines that opening took
   // for the body are written with the body, not as fields.
-  while (input.tell() < header_end_ && read_header_field(input, profile_.header_lines.max_line, name, lines, status,
-                                                                profile_.header_lines.eight_bit_text) &&
-         status.ok()) {
+  while (input.tell() < header_end_) {
+    const uint64_t field_start = input.tell();
+    const bool read = read_header_field(input, name, lines, status, profile_.header_lines);
+    if (!status.ok()) {
+      // A line that the field reader refuses (one at its length limit, say)
+      // where opening took the header all the same: nothing of it changes,
+      // so it goes out as it came, up to where opening stopped.
+      status.clear();
+      copy_header_text(field_start, header_end_, output, status);
+      input.seek(header_end_);
+      return;
+    }
+    if (!read) break;
     const bool is_content_type = vek_string_equal_nc(name, "Content-Type");
-    if (is_content_type && (refold_content_type || content_type_repaired_)) {
+    if (is_content_type && !content_type_as_sent_ && (refold_content_type || content_type_repaired_)) {
       content_type_seen = true;
       std::string value =
           refold_content_type && !new_content_type_.empty() ? new_content_type_ : unfold_field_lines(lines);
       if (content_type_repaired_) repair_content_type(value);
       write_header_field(output, name, value, true, status);
+    } else if (quoted_printable && vek_string_equal_nc(name, "Content-Transfer-Encoding")) {
+      // The body is now quoted-printable: one field says so, in the place
+      // of the first old one, so that no reader takes the old "7bit".
+      if (!encoding_seen) write_header_field(output, name, "quoted-printable", true, status);
+      encoding_seen = true;
     } else {
       content_type_seen = content_type_seen || is_content_type;
-      write_raw_field(output, name, lines, status);
+      // A name with white space in front of its colon (the obsolete form)
+      // goes out as it came; the lines alone would lose that space.
+      if (name != smtp_bad_header_name && field_start + name.size() < data->size() &&
+          data->data()[field_start + name.size()] != ':')
+        copy_header_text(field_start, input.tell(), output, status);
+      else
+        write_raw_field(output, name, lines, status);
     }
     if (!status.ok()) return;
   }
   if (!status.ok()) return;
   if (refold_content_type && !content_type_seen && !new_content_type_.empty())
     write_header_field(output, "Content-Type", new_content_type_, true, status);
+  if (status.ok() && quoted_printable && !encoding_seen)
+    write_header_field(output, "Content-Transfer-Encoding", "quoted-printable", true, status);
+}
+
+// The source's header text from `start` to `end`, as it stands: at the
+// header's end a line cut in two goes out without its line end, and the
+// body goes on with it.
+void Smtp_rfc1521_handler::copy_header_text(uint64_t start, uint64_t end, Vek_ostream& output,
+                                            Vek_status& status) const {
+  end = std::min<uint64_t>(end, data->size());
+  if (start >= end) return;
+  write_source_lines(
+      output, std::string_view(reinterpret_cast<const char*>(data->data()) + start, end - start), status);
+}
+
+void Smtp_rfc1521_handler::write_header_end(Vek_ostream& output, Vek_status& status) const {
+  status.clear();
+  // Where opening stopped inside a line, the body goes on with that line.
+  if (header_end_ != 0 && header_end_ < data->size() && data->data()[header_end_ - 1] != '\n') return;
+  output.writeln("", status);
 }
 
 void Smtp_rfc1521_handler::write_raw(Vek_buffer& out, Vek_status& status) {
@@ -195,8 +236,8 @@ void Smtp_rfc1521_handler::write_raw(Vek_buffer& out, Vek_status& status) {
   if (!status.ok()) return;
   Vek_buffered_istream input(data, true, status, vek_eol_lf);
   if (!status.ok()) return;
-  write_headers(input, output, false, status);
-  if (status.ok()) output.writeln("", status);
+  write_headers(input, output, false, false, status);
+  if (status.ok()) write_header_end(output, status);
   if (!status.ok()) return;
   for (const auto& record : table_.items) {
     if (!is_content_record(*record)) continue;
@@ -214,12 +255,8 @@ void Smtp_rfc1521_handler::write_quoted_printable(Vek_buffer& out, bool add_enco
   if (!status.ok()) return;
   Vek_buffered_istream input(data, true, status, vek_eol_lf);
   if (!status.ok()) return;
-  write_headers(input, output, true, status);
-  // An old "Content-Transfer-Encoding: 7bit" stays where it was; the new
-  // field behind it is the one that counts.
-  if (add_encoding_field && status.ok())
-    write_header_field(output, "Content-Transfer-Encoding", "quoted-printable", true, status);
-  if (status.ok()) output.writeln("", status);
+  write_headers(input, output, true, add_encoding_field, status);
+  if (status.ok()) write_header_end(output, status);
   if (!status.ok()) return;
   for (const auto& record : table_.items) {
     if (!is_content_record(*record)) continue;
@@ -236,8 +273,8 @@ void Smtp_rfc1521_handler::write_base64(Vek_buffer& out, Vek_status& status) {
   if (!status.ok()) return;
   Vek_buffered_istream input(data, true, status, vek_eol_lf);
   if (!status.ok()) return;
-  write_headers(input, output, true, status);
-  if (status.ok()) output.writeln("", status);
+  write_headers(input, output, true, false, status);
+  if (status.ok()) write_header_end(output, status);
   if (!status.ok()) return;
 
   std::vector<const Vek_buffer*> bodies;
@@ -269,8 +306,8 @@ void Smtp_rfc1521_handler::write_base64(Vek_buffer& out, Vek_status& status) {
   }
 }
 
-void Smtp_rfc1521_handler::write_multipart(Vek_buffer& out, const std::string& boundary_text,
-                                           Vek_status& status) {
+void Smtp_rfc1521_handler::write_multipart(Vek_buffer& out, Vek_status& status) {
+  const std::string& boundary_text = boundary_text_;
   status.clear();
   Vek_ostream output(&out, status, vek_eol_crlf);
   if (!status.ok()) return;
@@ -278,7 +315,7 @@ void Smtp_rfc1521_handler::write_multipart(Vek_buffer& out, const std::string& b
   if (!status.ok()) return;
   const Smtp_boundary boundary(boundary_text, profile_.delimiter_padding);
 
-  write_headers(input, output, true, status);
+  write_headers(input, output, true, false, status);
   // The blank line behind the header and the preamble, without the line
   // end in front of the first delimiter, which belongs to the delimiter.
   if (status.ok()) copy_to_part_delimiter(input, output, boundary, status);
@@ -359,6 +396,6 @@ void Smtp_rfc1521_handler::write_source_body(Vek_buffer& out, Vek_status& status
   if (!status.ok()) return;
   // The header as write_raw writes it (a repaired "Content-Type" refolded),
   // and every byte behind it, the blank line included, as it stands.
-  write_headers(input, output, false, status);
+  write_headers(input, output, false, false, status);
   if (status.ok()) vek_copy_stream(input, output, status);
 }

@@ -4,6 +4,7 @@
 #include "codecs/base64.h"
 #include "mime/rfc1521_handler.h"
 #include "mime/test_support.h"
+#include "reader/header_reader.h"
 
 namespace {
 
@@ -49,10 +50,13 @@ TEST(Rebuild, SevenBitTextWithEightBitBytesBecomesQuotedPrintable) {
     const char* body;
     const char* want_head;  // null: the header unchanged and the body raw
   } cases[] = {
-      {"no charset", "|Content-Type: text/plain; format=flowed|Content-Transfer-Encoding: 7bit",
+      // One field names the new encoding, where the first old one stood.
+      {"no charset",
+       "|Content-Type: text/plain; format=flowed|Content-Transfer-Encoding: 7bit|X-A: b|"
+       "Content-Transfer-Encoding: 7BIT",
        "caf\xE9\r\n",
-       "|Content-Type: text/plain; format=flowed; charset=ISO-8859-1|Content-Transfer-Encoding: 7bit|"
-       "Content-Transfer-Encoding: quoted-printable"},
+       "|Content-Type: text/plain; format=flowed; charset=ISO-8859-1|Content-Transfer-Encoding: "
+       "quoted-printable|X-A: b"},
       {"US-ASCII moves last", "|Content-Type: text/plain; charset=\"us-ascii\"; name=\"a b(1).txt\"",
        "caf\xE9\r\n",
        "|Content-Type: text/plain; name=\"a b(1).txt\"; charset=ISO-8859-1|"
@@ -168,6 +172,29 @@ TEST(Rebuild, Goldens) {
        message("multipart/signed; boundary=s;", "--s||signed|--s  ||SIG|--s--|epi"),
        {},
        message("multipart/signed; boundary=s", "--s||signed|--s  ||SIG|--s--|epi")},
+      // Nothing under a signature is repaired, at any depth.
+      {"signed, a repaired type inside",
+       message("multipart/signed; boundary=s",
+               "--s|Content-Type: multipart/mixed; boundary=m||" +
+                   parts("m", {"Content-Type: text/plain; charset=us-ascii;||signed"}) + "|--s||SIG|--s--"),
+       {},
+       message("multipart/signed; boundary=s",
+               "--s|Content-Type: multipart/mixed; boundary=m||" +
+                   parts("m", {"Content-Type: text/plain; charset=us-ascii;||signed"}) + "|--s||SIG|--s--")},
+      // A part whose header the reader refused at a long line: opening
+      // took its body from the middle of that line, and rebuild copies the
+      // header up to there.
+      {"header line too long for the reader",
+       crlf(mixed +
+            parts("outer", {"X-Long: " + std::string(1200, 'a') + "|Content-Type: text/plain||text"})),
+       {{"0.0", "new"}},
+       crlf(mixed + "--outer|X-Long: " + std::string(smtp_max_header_line - 8, 'a') + "new|--outer--")},
+      // A header that runs to the part's end has no line end there; the
+      // new body goes behind a blank line all the same.
+      {"part header with no line end",
+       crlf(mixed + "--outer|Content-Type: text/html|--outer--"),
+       {{"0.0", "new"}},
+       crlf(mixed + "--outer|Content-Type: text/html||new|--outer--")},
       {"delimiter right behind a delimiter",
        crlf(mixed + "--outer|--outer||two|--outer--"),
        {{"0", "\r\nTWO"}},

@@ -26,12 +26,30 @@
 #include <string_view>
 #include <vector>
 
+#include "codecs/boundary.h"
+#include "manager/coverage.h"
 #include "manager/handler_base.h"
 #include "manager/item_table.h"
 #include "reader/header_block.h"
 #include "reader/profile.h"
 
-class Smtp_rfc1521_handler : public Fmg_handler_base {
+// One reading of a multipart body: where its parts and delimiter lines
+// are, as offsets in the entity's data.
+struct Smtp_split {
+  uint64_t body_start = 0;
+  // Where the first delimiter line begins; the end of the data if none.
+  uint64_t preamble_end = 0;
+  // The parts with a delimiter line behind them, without its line break.
+  std::vector<Smtp_range> parts;
+  // Each delimiter line with the line break in front of it and its own.
+  std::vector<Smtp_range> delimiters;
+  // The last part, where the data end in it; empty otherwise.
+  Smtp_range unclosed;
+  // Behind the closing delimiter line; 0 where none closes the body.
+  uint64_t epilogue_start = 0;
+};
+
+class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_source {
  public:
   // `source_name` (the text of every log entry) and `export_headers` must
   // outlive the handler; `is_message` says whether the entity stands for a
@@ -62,7 +80,8 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
   bool can_modify_item(uint32_t position, Fmg_item& item, Vek_status& status) override;
   // Whether the host replaced this record.
   bool is_item_modified(uint32_t position, Fmg_item& item, Vek_status& status) override;
-  // Whether the host replaced a record or the "Content-Type" was repaired.
+  // Whether the host replaced a record or the "Content-Type" was repaired
+  // (outside a signature only).
   bool is_modified(Fmg_item& item, Vek_status& status) override;
   // The entity written anew, owned by the caller whatever the status says;
   // the caller must look at the status before using it.
@@ -83,6 +102,8 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
   // The "Content-Type" value that rebuild wrote last in place of the old
   // one; empty until a 7-bit text had to become quoted-printable.
   const std::string& new_content_type() const { return new_content_type_; }
+  // Which bytes of the body reach the host, as the last set_data found.
+  const Smtp_coverage& coverage() const override { return coverage_; }
 
  protected:
   // Deletes the records; `data` stays the host's.
@@ -94,6 +115,8 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
   void decode_quoted_printable_body(Vek_istream& stream, Fmg_item& item, bool is_body, Vek_status& status);
   void decode_base64_body(Vek_istream& stream, Fmg_item& item, bool is_body, Vek_status& status);
   void add_extra_reading(uint64_t start, const std::string& encoding);
+  uint32_t record_type(bool is_body) const;
+  bool is_padding_or_blank(uint64_t start, uint64_t end) const;
   // Access (access.cc).
   Vek_wstring charset_or(std::u16string_view fallback) const;
   void collect_file_names(const std::vector<std::string>& content_types,
@@ -103,16 +126,30 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
                               Vek_status& status);
   bool classify_by_file_name(const std::vector<Smtp_header_field>& disposition_parameters);
   // Splitting (multipart.cc).
-  void open_multipart(Vek_istream& stream, Fmg_item& item, Vek_status& status);
+  void open_multipart(Vek_istream& stream, Fmg_item& item, const std::vector<std::string>& content_types,
+                      Vek_status& status);
+  Smtp_split split_body(Vek_istream& stream, uint64_t body_start, const Smtp_boundary& boundary, bool whole,
+                        Vek_status& status) const;
+  void add_split_records(const Smtp_split& split, bool primary, Vek_status& status);
+  void add_text_outside_parts(uint64_t start, uint64_t end, Vek_status& status);
+  void add_other_reading(Vek_istream& stream, const Smtp_split& primary, const std::string& text, bool prefix,
+                         std::vector<std::vector<Smtp_range>>& seen);
+  bool only_nested_delimiters(const Smtp_split& primary, const Smtp_split& other) const;
+  void add_other_type_readings(Vek_istream& stream, uint64_t body_start,
+                               const std::vector<std::string>& content_types);
+  void cover(const Smtp_range& range);
   void add_empty_text_body();
   uint64_t part_end(uint64_t position) const;
   // Rebuilding (rebuild.cc).
   bool has_body_records() const;
-  void write_headers(Vek_istream& input, Vek_ostream& output, bool refold_content_type, Vek_status& status);
+  void write_headers(Vek_istream& input, Vek_ostream& output, bool refold_content_type, bool quoted_printable,
+                     Vek_status& status);
+  void copy_header_text(uint64_t start, uint64_t end, Vek_ostream& output, Vek_status& status) const;
+  void write_header_end(Vek_ostream& output, Vek_status& status) const;
   void write_raw(Vek_buffer& out, Vek_status& status);
   void write_quoted_printable(Vek_buffer& out, bool add_encoding_field, Vek_status& status);
   void write_base64(Vek_buffer& out, Vek_status& status);
-  void write_multipart(Vek_buffer& out, const std::string& boundary_text, Vek_status& status);
+  void write_multipart(Vek_buffer& out, Vek_status& status);
   void write_source_body(Vek_buffer& out, Vek_status& status);
   bool has_eight_bit_text(const Vek_wstring& charset, Vek_status& status) const;
 
@@ -128,8 +165,18 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
   bool is_encrypted_ = false;
   bool is_certificate_ = false;
   bool content_type_repaired_ = false;
+  // The "Content-Type" did not parse and was read as sent: it goes out so.
+  bool content_type_as_sent_ = false;
+  // The entity lies under a signature: it repairs nothing on its own.
+  bool signed_content_ = false;
   // The last part had no delimiter behind it and is a record all the same.
   bool last_part_unclosed_ = false;
+  // The boundary that split the body into its records; empty when none did.
+  std::string boundary_text_;
+  // The boundaries of the multipart parts of that split, by part index.
+  std::vector<std::pair<size_t, std::string>> nested_boundaries_;
+  // Which bytes of the body reach the host.
+  Smtp_coverage coverage_;
   // Where the header block that set_data read ends in `data` (in front of
   // its blank line); the writers read the header no further.
   uint64_t header_end_ = 0;
@@ -149,6 +196,18 @@ class Smtp_rfc1521_handler : public Fmg_handler_base {
 Fmg_handler_base* make_rfc1521_handler(const Vek_wstring& name,
                                        const std::vector<std::string>& export_headers, bool is_message,
                                        bool add_empty_body, const Smtp_profile& profile);
+
+// Whether these "Content-Type" values can give more than one boundary
+// reading: two fields, or a value with a comment, an RFC 2231 or RFC 2047
+// form, a quoted pair or two "boundary" parameters.
+bool may_read_otherwise(const std::vector<std::string>& content_types);
+
+// Every value that a reader may take for the boundary of a multipart
+// entity with these "Content-Type" values: the first and the last
+// "boundary" of each field as parsed and as split at ';', its RFC 2231 and
+// RFC 2047 forms, and a quoted value with its backslashes kept; trimmed,
+// without repeats.
+std::vector<std::string> boundary_readings(const std::vector<std::string>& content_types);
 
 // The first parameter named `name` (any case), or null.
 const Smtp_header_field* find_parameter(const std::vector<Smtp_header_field>& parameters,

@@ -136,9 +136,25 @@ bool repair_content_type(std::string& value) {
 }
 
 bool clean_encoding_field(std::string& value) {
+  //   comment := "(" *(ctext / quoted-pair / comment) ")"
+  // A comment may hold every special (RFC 822, section 3.3): a file name
+  // such as "(report.doc)" stays as it was written, nested comments and
+  // quoted pairs included.
   size_t kept = 0;
+  size_t depth = 0;
+  bool quoted_pair = false;
   for (const char c : value) {
-    if ((char_class_of(c) & char_rfc822_special) != 0 && c != ',' && c != '(' && c != ')') continue;
+    if (quoted_pair) {
+      quoted_pair = false;
+    } else if (c == '(') {
+      ++depth;
+    } else if (c == ')') {
+      if (depth != 0) --depth;
+    } else if (depth != 0) {
+      quoted_pair = c == '\\';
+    } else if ((char_class_of(c) & char_rfc822_special) != 0 && c != ',') {
+      continue;
+    }
     value[kept++] = c;
   }
   const bool dropped = kept != value.size();

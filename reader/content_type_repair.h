@@ -11,8 +11,8 @@
 // `value` is exactly as it was, surrounding white space included.
 bool repair_content_type(std::string& value);
 
-// Drops every RFC 822 special but ',', '(' and ')' from an Encoding value;
-// true when a byte was dropped.
+// Drops every RFC 822 special but ',', '(' and ')' from an Encoding value,
+// outside its comments; true when a byte was dropped.
 bool clean_encoding_field(std::string& value);
 
 #endif  // SMTPFM_READER_CONTENT_TYPE_REPAIR_H_

@@ -69,7 +69,8 @@ TEST(RepairContentType, FeedsTheParser) {
 
 TEST(CleanEncodingField, Table) {
   const std::pair<std::string, std::string> cases[] = {{"10 Text, 5 LZJU90 (x)", "10 Text, 5 LZJU90 (x)"},
-                                                       {"10 Text (a.b)", "10 Text (ab)"},
+                                                       {"10 Text (a.b)", "10 Text (a.b)"},
+                                                       {"1 x. (a;(b.c)\\)d.) y.", "1 x (a;(b.c)\\)d.) y"},
                                                        {"<a>@b;c:d\\\"e.[f]", "abcdef"}};
   for (const auto& [value, want] : cases) {
     std::string work = value;

@@ -11,6 +11,8 @@
 // - A line too long or too binary for a header refuses the whole block.
 #include "reader/header_block.h"
 
+#include <cstring>
+
 #include "reader/header_reader.h"
 
 namespace {
@@ -110,11 +112,15 @@ bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fiel
     }
   };
 
-  if (rules.skip_envelope_line) {
-    const uint64_t start = stream.tell();
+  // The envelope line is told by its first five bytes, looked at in the
+  // buffer: reading a line to find it would cost every header a line more.
+  const Vek_buffer* buffer = stream.buffer();
+  const uint64_t start = stream.tell();
+  if (rules.skip_envelope_line && buffer != nullptr && start <= buffer->size() &&
+      buffer->size() - start >= 5 && std::memcmp(buffer->data() + start, "From ", 5) == 0) {
     std::string_view line;
     stream.readln_view(rules.max_line, line, status);
-    if (!status.ok() || !line.starts_with("From ")) stream.seek(start);
+    if (!status.ok()) stream.seek(start);
     status.clear();
   }
   Smtp_raw_field_view field;

@@ -10,7 +10,8 @@
 //   8-bit bytes included, and may be empty; it may not be longer than
 //   smtp_max_field_name bytes.
 // - White space between a name and its colon, which RFC 822 allows, makes
-//   the line a broken field, kept as "Bad-Header".
+//   the line a broken field, kept as "Bad-Header", unless the rules take
+//   obsolete field names.
 // - Lines of smtp_max_header_line bytes or more, and lines with more than
 //   smtp_max_refused_bytes bytes outside printable ASCII, end the header.
 // - Lines with no field shape are kept as "Bad-Header" instead of failing.
@@ -124,6 +125,28 @@ inline __attribute__((always_inline)) Line_kind line_kind(std::string_view line,
   return Line_kind::other;
 }
 
+// The colon of a name line in RFC 822's (obsolete) form, with white space
+// in front of the colon: "Content-Type : text/plain". npos for any other.
+//   field = field-name *WSP ":" ...
+size_t obsolete_name_colon(std::string_view line) {
+  size_t i = 0;
+  while (i < line.size() && i <= smtp_max_field_name && line[i] != ':' &&
+         (char_class_of(line[i]) & (char_white | char_control)) == 0)
+    ++i;
+  if (i == 0 || i > smtp_max_field_name) return std::string_view::npos;
+  size_t j = i;
+  while (j < line.size() && (line[j] == ' ' || line[j] == '\t')) ++j;
+  return j > i && j < line.size() && line[j] == ':' ? j : std::string_view::npos;
+}
+
+// A field name in front of `colon`, without the white space of the
+// obsolete form.
+std::string_view name_before(std::string_view line, size_t colon) {
+  std::string_view name = line.substr(0, colon);
+  while (!name.empty() && (name.back() == ' ' || name.back() == '\t')) name.remove_suffix(1);
+  return name;
+}
+
 // "%!PS-Adobe..." opens a PostScript file.
 bool is_postscript_line(std::string_view line) {
   return line.size() >= 3 && line[0] == '%' && line[1] == '!' && (line[2] == 'P' || line[2] == 'p');
@@ -193,7 +216,8 @@ bool read_field(Vek_istream& stream, const Smtp_line_rules& rules, Target& targe
     Line_kind kind;
     if (lookahead != nullptr && lookahead->buffer == stream.buffer() && lookahead->buffer != nullptr &&
         lookahead->start == line_start && lookahead->max_line == max_line &&
-        lookahead->eight_bit_text == eight_bit_text) {
+        lookahead->eight_bit_text == eight_bit_text &&
+        lookahead->obsolete_field_names == rules.obsolete_field_names) {
       // The line that ended the previous field, already read and judged.
       line = lookahead->line;
       kind = static_cast<Line_kind>(lookahead->kind);
@@ -219,6 +243,13 @@ bool read_field(Vek_istream& stream, const Smtp_line_rules& rules, Target& targe
         break;
       }
       kind = line_kind(line, colon);
+      if (rules.obsolete_field_names && (kind == Line_kind::colon || kind == Line_kind::other)) {
+        const size_t at = obsolete_name_colon(line);
+        if (at != std::string_view::npos) {
+          kind = Line_kind::name;
+          colon = at;
+        }
+      }
     }
 
     const bool ends_field =
@@ -230,9 +261,16 @@ bool read_field(Vek_istream& stream, const Smtp_line_rules& rules, Target& targe
                                      (open && rules.begin_line_ends_header && is_begin_line(line)));
     if (ends_field || ends_block) {
       if (lookahead != nullptr) {
-        *lookahead = Smtp_line_lookahead{stream.buffer(), line_start,  stream.tell(),
-                                         max_line,        eight_bit_text, line,
-                                         static_cast<uint32_t>(kind), colon, nul};
+        *lookahead = Smtp_line_lookahead{stream.buffer(),
+                                         line_start,
+                                         stream.tell(),
+                                         max_line,
+                                         eight_bit_text,
+                                         rules.obsolete_field_names,
+                                         line,
+                                         static_cast<uint32_t>(kind),
+                                         colon,
+                                         nul};
       }
       stream.seek(line_start);
       break;
@@ -242,7 +280,7 @@ bool read_field(Vek_istream& stream, const Smtp_line_rules& rules, Target& targe
       std::string_view value = line.substr(colon + 1, nul == std::string_view::npos ? nul : nul - colon - 1);
       const size_t spaces = value.find_first_not_of(' ');
       value.remove_prefix(spaces == std::string_view::npos ? value.size() : spaces);
-      target.open(line.substr(0, colon), value);
+      target.open(name_before(line, colon), value);
       open = true;
       continue;
     }
@@ -366,6 +404,12 @@ bool read_header_field(Vek_istream& stream, Smtp_raw_field_view& field, Smtp_lin
   return read_field(stream, rules, target, &lookahead, status);
 }
 
+bool read_header_field(Vek_istream& stream, std::string& name, std::vector<std::string>& lines,
+                       Vek_status& status, const Smtp_line_rules& rules) {
+  String_target target{name, lines};
+  return read_field(stream, rules, target, nullptr, status);
+}
+
 std::string unfold_field_lines(const std::vector<std::string>& lines) {
   return unfold(lines.size(), [&lines](size_t i) { return std::string_view(lines[i]); });
 }
@@ -462,6 +506,21 @@ void write_header_field(Vek_ostream& out, std::string_view name, std::string_vie
     }
   }
   if (column != 0) out.writeln("", status);
+}
+
+void write_source_lines(Vek_ostream& out, std::string_view text, Vek_status& status) {
+  status.clear();
+  while (!text.empty() && status.ok()) {
+    const size_t lf = text.find('\n');
+    if (lf == std::string_view::npos) {
+      out.write(text, status);
+      return;
+    }
+    std::string_view line = text.substr(0, lf);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    out.writeln(line, status);
+    text.remove_prefix(lf + 1);
+  }
 }
 
 void write_raw_field(Vek_ostream& out, std::string_view name, const std::vector<std::string>& lines,

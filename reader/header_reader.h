@@ -86,6 +86,11 @@ struct Smtp_line_rules {
   // (a file right behind the header, with no blank line); otherwise it only
   // ends it where a field would start.
   bool begin_line_ends_header = false;
+  // White space between a field name and its colon (RFC 822's field
+  // syntax allows it; RFC 5322, section 4.5, keeps it as obsolete syntax)
+  // makes an ordinary field, named without that white space; otherwise the
+  // line is a broken field, kept as "Bad-Header".
+  bool obsolete_field_names = false;
 };
 
 struct Smtp_line_lookahead {
@@ -94,6 +99,7 @@ struct Smtp_line_lookahead {
   uint64_t next = 0;                   // where the line behind it begins
   uint32_t max_line = 0;               // the limit it was read with
   bool eight_bit_text = false;         // and the rule for 8-bit bytes
+  bool obsolete_field_names = false;   // and the rule for white space before a colon
   std::string_view line;
   uint32_t kind = 0;
   size_t colon = 0;
@@ -117,6 +123,8 @@ bool read_header_field(Vek_istream& stream, uint32_t max_line, Smtp_raw_field_vi
 // The same under every one of `rules`, the line limit among them.
 bool read_header_field(Vek_istream& stream, Smtp_raw_field_view& field, Smtp_line_lookahead& lookahead,
                        Vek_status& status, const Smtp_line_rules& rules);
+bool read_header_field(Vek_istream& stream, std::string& name, std::vector<std::string>& lines,
+                       Vek_status& status, const Smtp_line_rules& rules);
 
 // The value of a field made from its raw lines: continuation lines are
 // joined by one space, and a backslash that ends a line inside a quoted
@@ -136,6 +144,11 @@ bool is_begin_line(std::string_view line);
 // column 76 is refolded at token boundaries. A "Bad-Header" has no name.
 void write_header_field(Vek_ostream& out, std::string_view name, std::string_view value, bool fold,
                         Vek_status& status);
+
+// Writes `text` as it stands, each whole line (ended by LF, a CR in front
+// of it dropped) with the stream's line end, and a last line that has none
+// without one: source text that a writer copies unchanged.
+void write_source_lines(Vek_ostream& out, std::string_view text, Vek_status& status);
 
 // Writes a field from its raw lines, each with the stream's line end; an
 // ordinary field gets its name (which may be empty), a colon and one space

@@ -107,6 +107,32 @@ TEST(ReadHeaderField, LenientRules) {
   }
 }
 
+// White space in front of the colon: an ordinary field under the obsolete
+// rule, named without the white space; a broken field otherwise.
+TEST(ReadHeaderField, ObsoleteFieldNames) {
+  const struct {
+    const char* in;
+    bool obsolete;
+    const char* want_name;
+  } rows[] = {
+      {"Content-Type : text/plain\r\n", true, "Content-Type"},
+      {"Content-Transfer-Encoding\t \t: base64\r\n", true, "Content-Transfer-Encoding"},
+      {"Content-Type : text/plain\r\n", false, "Bad-Header"},
+      {"two words : x\r\n", true, "Bad-Header"},
+      {" : x\r\n", true, "Bad-Header"},
+  };
+  for (const auto& row : rows) {
+    Text_stream in(row.in);
+    std::string name;
+    std::vector<std::string> lines;
+    Vek_status status;
+    Smtp_line_rules rules;
+    rules.obsolete_field_names = row.obsolete;
+    ASSERT_TRUE(read_header_field(in.stream, name, lines, status, rules)) << row.in;
+    EXPECT_EQ(name, row.want_name) << row.in;
+  }
+}
+
 TEST(IsBeginLine, Table) {
   const std::pair<const char*, bool> cases[] = {
       {"begin 644 file.bin", true}, {"begin644", true},    {"begin \t 755", true}, {"xbegin 644 f", true},

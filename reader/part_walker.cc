@@ -59,12 +59,19 @@ uint32_t classify_part_line(std::string_view line, const Smtp_boundary* boundary
 
 void find_part_delimiter(Vek_istream& stream, Smtp_boundary boundary, bool& end, bool& found,
                          Vek_status& status) {
+  uint64_t line_start = 0;
+  find_part_delimiter(stream, boundary, end, found, line_start, status);
+}
+
+void find_part_delimiter(Vek_istream& stream, const Smtp_boundary& boundary, bool& end, bool& found,
+                         uint64_t& line_start, Vek_status& status) {
   status.clear();
   end = false;
   found = false;
   std::string_view text;
   bool inside_long_line = false;  // the last piece did not end its line
   for (;;) {
+    const uint64_t start = stream.tell();
     read_piece(stream, text, status);
     if (status == vek_line_too_long) {
       inside_long_line = true;
@@ -76,6 +83,7 @@ void find_part_delimiter(Vek_istream& stream, Smtp_boundary boundary, bool& end,
       if (kind != smtp_no_delimiter) {
         found = true;
         end = kind == smtp_closing_delimiter;
+        line_start = start;
         return;
       }
     }

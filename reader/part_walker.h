@@ -34,6 +34,10 @@ uint32_t classify_part_line(std::string_view line, const Smtp_boundary* boundary
 // `end` if it was the closing one or the data ended first.
 void find_part_delimiter(Vek_istream& stream, Smtp_boundary boundary, bool& end, bool& found,
                          Vek_status& status);
+// The same, setting `line_start` to where the delimiter line begins when
+// one was found.
+void find_part_delimiter(Vek_istream& stream, const Smtp_boundary& boundary, bool& end, bool& found,
+                         uint64_t& line_start, Vek_status& status);
 
 // Passes over the lines in front of the next delimiter and leaves the
 // stream 2 bytes (the CR LF) in front of it, or at the end of the data.

@@ -39,7 +39,13 @@ struct Smtp_profile {
   // reference reads as junk that makes a short header no header; and a
   // uuencoded file that follows the header with no blank line, whose
   // "begin" line the reference takes into the last field, which then makes
-  // the header no header. Every common client shows such a message.
+  // the header no header. Every common client shows such a message. And
+  // white space in front of a field's colon ("Content-Type : ...", RFC
+  // 822's syntax, obsolete in RFC 5322, section 4.5) names an ordinary
+  // field, as a reader of RFC 822 takes it and Thunderbird, which trims the
+  // name in front of the colon, reads it; the reference keeps such a line
+  // as "Bad-Header", so a Content-Type or a transfer encoding written so
+  // is lost.
   Smtp_line_rules header_lines;
   // Raw 8-bit text in the Subject that is valid UTF-8 is published as
   // UTF-8 (RFC 6532), as every client shows it; the reference widens it
@@ -60,6 +66,41 @@ struct Smtp_profile {
   // the part in front ran on over the next. Clients take such a line for
   // the delimiter it is.
   bool delimiter_padding = false;
+  // Text of a multipart body that lies in no part (a preamble, an
+  // epilogue, a body that no delimiter line cuts or that names no
+  // boundary) reaches the host as a text item of its own where it holds
+  // more than white space (an extra reading, never written back). A
+  // client that cannot split a multipart falls back to showing its body as
+  // text, and a preamble or an epilogue is text the sender wrote, which
+  // RFC 2046 asks readers to ignore and a reader that keeps it shows; the
+  // reference hands the host none of it.
+  bool text_outside_parts = false;
+  // Readers differ on the boundary of a multipart: the first or the last
+  // of two "boundary" parameters, of two Content-Type fields, a value
+  // read by the parser (comments dropped) or split at ';' as clients split
+  // it (quotes, escapes and comments kept as written), its RFC 2231 forms
+  // ("boundary*=", "boundary*0="), RFC 2047 words in it; and RFC 2046
+  // (section 5.1.1) lets a delimiter line go on behind the boundary, which
+  // makes a boundary that begins another a delimiter of both. Each reading
+  // that cuts the body otherwise gives its parts as extra readings; where
+  // the parser's boundary cuts nothing, the first other value that does is
+  // the entity's own. The reference takes the parser's first boundary,
+  // exactly.
+  bool every_boundary_reading = false;
+  // The parts of a multipart/signed entity behind the signed one (the
+  // signature, and whatever else a sender put there) reach the host as
+  // extra readings: a client shows the signature as an attachment where it
+  // does not verify it, and any part beside it; the reference shows the
+  // signed part alone.
+  bool every_part_of_signed = false;
+  // The body of an encrypted entity (multipart/encrypted, S/MIME
+  // enveloped data, a PKCS #7 object of unknown kind) reaches the host as
+  // it reaches it from any entity, its parts or its decoded bytes, as
+  // extra readings that cannot be replaced. A client without the key
+  // offers the enciphered part as an attachment (Gmail's web view shows
+  // "smime.p7m" so), and a sender can label any content encrypted; the
+  // reference gives the host nothing.
+  bool encrypted_content_offered = false;
 
   // -- Types, transfer encodings and file names -----------------------------
 
@@ -100,9 +141,9 @@ struct Smtp_profile {
   // "\"base64\"", "base64;") counts by its first word, and a body in the
   // uuencode family ("x-uuencode", "uuencode", "x-uue") stays raw, with the
   // file name of its "begin" line among its names (where the block scanner
-  // finds a frame). Thunderbird reads the first word and decodes uuencode
-  // under the begin line's name; the reference drops a body whose encoding
-  // does not parse.
+  // finds a frame), for the host's uuencode format manager to decode.
+  // Thunderbird reads the first word and decodes uuencode under the begin
+  // line's name; the reference drops a body whose encoding does not parse.
   bool transfer_encoding_by_first_word = false;
   // Of two Content-Transfer-Encoding fields the reference reads the last;
   // Thunderbird and Python's email package read the first. Where the first
@@ -120,15 +161,30 @@ struct Smtp_profile {
   // and offer the attachment; the reference drops the whole body, so a
   // stray character hides the attachment from the host.
   bool base64_as_clients_decode = false;
+  // Text behind the padding that ends a Base64 body is decoded as further
+  // Base64, each padding ending its group only, as an extra reading:
+  // decoders differ on whether data end at the first "=" (Python's email
+  // package stops there; decoders that join runs of Base64 go on), and the
+  // reference leaves what follows the padding in no item at all.
+  bool base64_past_padding = false;
   // The search for uuencoded blocks in a text body goes on behind a line
   // of more than 1024 bytes, which the reference takes for the end of any
   // text an encoder wrote; a block behind such a line stayed inside one
-  // text item. Thunderbird and Outlook find the block all the same.
+  // text item. Thunderbird and Outlook find the block all the same. (The
+  // block goes to the host encoded, as every block does: decoding it is
+  // the host's uuencode format manager's work.)
   bool blocks_past_long_lines = false;
   // A quoted-printable body whose data end inside an escape ("...=4" or a
   // last "=") is decoded with the unfinished escape as it stands; the fault
   // is logged. Clients show such a body; the reference drops it whole.
   bool quoted_printable_as_clients_decode = false;
+  // A "=" with only blanks behind it on its line (or a bare LF) is a soft
+  // line break: RFC 2045 (section 6.7, rule 3) says such blanks were added
+  // in transit and go, and Python's email package strips them before it
+  // looks for the "=". The reference keeps the "=", the blanks and the
+  // line break in the data, which changes every byte behind them for the
+  // host.
+  bool quoted_printable_padded_breaks = false;
   // An RFC 1505 "Encoding" field that is empty or does not parse leaves
   // the whole body as one text part; the reference leaves the message with
   // no part at all (and an empty field is a fault of the caller there), so
@@ -146,16 +202,20 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
   p.hardened = true;
 
   // Recognition and the header.
-  p.header_lines = {
-      .max_line = smtp_max_lenient_header_line,
-      .eight_bit_text = true,
-      .skip_envelope_line = true,
-      .begin_line_ends_header = true};
+  p.header_lines = {.max_line = smtp_max_lenient_header_line,
+                    .eight_bit_text = true,
+                    .skip_envelope_line = true,
+                    .begin_line_ends_header = true,
+                    .obsolete_field_names = true};
   p.raw_utf8_text = true;
 
   // Multipart bodies and their delimiter lines.
   p.last_part_without_delimiter = true;
   p.delimiter_padding = true;
+  p.text_outside_parts = true;
+  p.every_boundary_reading = true;
+  p.every_part_of_signed = true;
+  p.encrypted_content_offered = true;
 
   // Types, transfer encodings and file names.
   p.file_names_as_clients_read_them = true;
@@ -168,8 +228,10 @@ inline constexpr Smtp_profile smtp_hardened_profile = [] {
 
   // Decoding, embedded blocks and RFC 1505 bodies.
   p.base64_as_clients_decode = true;
+  p.base64_past_padding = true;
   p.blocks_past_long_lines = true;
   p.quoted_printable_as_clients_decode = true;
+  p.quoted_printable_padded_breaks = true;
   p.unreadable_encoding_body_whole = true;
   return p;
 }();

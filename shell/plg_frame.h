@@ -37,8 +37,6 @@ class Plg_element : public Plg_versioned {
   // plg_element_list.
   Plg_element(Vek_wstring name, Vek_wstring display_name, Vek_wstring description, const Tav_guid& type_id,
               uint32_t interface_version, uint32_t implementation_version);
-  // Removes every entry of the list that points to this element.
-  virtual ~Plg_element();
   Plg_element(const Plg_element&) = delete;
   Plg_element& operator=(const Plg_element&) = delete;
 
@@ -52,6 +50,13 @@ class Plg_element : public Plg_versioned {
   // The display name, or the name when the display name is empty.
   virtual const Vek_wstring& display_name() const { return display_name_.empty() ? name_ : display_name_; }
   virtual const Vek_wstring& description() const { return description_; }
+
+ protected:
+  // Removes every entry of the list that points to this element. Not
+  // virtual: the slots above are the whole table a host calls through (the
+  // create() of a host built to that table is the fourth), and elements are
+  // static objects that nobody deletes through a pointer.
+  ~Plg_element();
 
  private:
   Vek_wstring name_;

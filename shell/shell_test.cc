@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -171,6 +173,34 @@ TEST(Loader, RefusedLoadUnloadsOnce) {
   EXPECT_NE(error.find("refused"), std::string::npos) << error;
   EXPECT_EQ(unloads, 1);
   unsetenv("SMTPFM_REFUSING_MODULE_COUNTER");
+}
+
+// The slot of a virtual member function in its class's table: under the
+// Itanium C++ ABI a pointer to a virtual member holds 1 plus the slot's
+// offset in bytes.
+template <typename Member>
+size_t slot_of(Member member) {
+  struct Representation {
+    uintptr_t pointer;
+    ptrdiff_t adjustment;
+  } representation;
+  static_assert(sizeof(Member) == sizeof(Representation));
+  std::memcpy(&representation, &member, sizeof representation);
+  if (representation.pointer % sizeof(void*) != 1) return SIZE_MAX;  // not virtual
+  return (representation.pointer - 1) / sizeof(void*);
+}
+
+// A host calls the element through its table, slot by slot as the contract
+// orders them; a destructor or a new operation in front of create() would
+// make it call the wrong function.
+TEST(Frame, ElementSlotsStandInTheOrderOfTheContract) {
+  EXPECT_EQ(slot_of(&Plg_element::type), 0u);
+  EXPECT_EQ(slot_of(&Plg_element::interface_version), 1u);
+  EXPECT_EQ(slot_of(&Plg_element::implementation_version), 2u);
+  EXPECT_EQ(slot_of(&Plg_element::create), 3u);
+  EXPECT_EQ(slot_of(&Plg_element::name), 4u);
+  EXPECT_EQ(slot_of(&Plg_element::display_name), 5u);
+  EXPECT_EQ(slot_of(&Plg_element::description), 6u);
 }
 
 TEST(Frame, DisplayNameFallsBackToTheName) {
