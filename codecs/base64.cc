@@ -208,6 +208,54 @@ struct Decoder {
     return go_on;
   }
 
+  // Decodes the lines from `p`, the start of a line where no group is
+  // open, as long as each begins before `stop` and holds nothing but
+  // whole groups of the alphabet, fewer than line_limit of them, ended by
+  // a line end of the stream (`crlf_only`: CR LF, else LF or CR LF). These
+  // are the lines that line() decodes without a choice to make; returns
+  // the start of the first other line, where line() takes over. A failed
+  // write stops it, with `failure` set.
+  const uint8_t* whole_lines(const uint8_t* p, const uint8_t* end, const uint8_t* stop, bool crlf_only) {
+    while (p < stop) {
+      // Room for a whole line, and for the 8 bytes that a block store
+      // writes beyond its 24.
+      if (output_block - used < line_limit && !flush()) return p;
+      const uint8_t* q = p;
+      const uint8_t* const window = p + std::min<size_t>(end - p, line_limit);
+      uint8_t* o = bytes + used;
+#ifdef SMTPFM_BASE64_AVX2
+      if (have_avx2 && window - q >= 32) {
+        const size_t n = decode_blocks_avx2(q, window - q, o, output_block - used);
+        q += n;
+        o += n / 4 * 3;
+      }
+#endif
+      while (window - q >= 4) {
+        const uint32_t a = table[q[0]], b = table[q[1]], c = table[q[2]], d = table[q[3]];
+        if ((a | b | c | d) & 0xc0) break;
+        const uint32_t bits = a << 18 | b << 12 | c << 6 | d;
+        o[0] = static_cast<uint8_t>(bits >> 16);
+        o[1] = static_cast<uint8_t>(bits >> 8);
+        o[2] = static_cast<uint8_t>(bits);
+        o += 3;
+        q += 4;
+      }
+      size_t line_end = 0;
+      if (q - p < static_cast<ptrdiff_t>(line_limit)) {
+        if (end - q >= 2 && q[0] == '\r' && q[1] == '\n')
+          line_end = 2;
+        else if (!crlf_only && end - q >= 1 && q[0] == '\n')
+          line_end = 1;
+      }
+      // Anything else (a blank, a "=", a group cut short, a long line, the
+      // last line of the data) is line()'s, and what was written goes.
+      if (line_end == 0) return p;
+      used = o - bytes;
+      p = q + line_end;
+    }
+    return p;
+  }
+
   Vek_ostream& out;
   const bool lenient;
   const bool past_padding;
@@ -246,7 +294,28 @@ uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64
   bool data_ended = true;  // false when decoding stopped for another reason
   std::string_view line;
   uint64_t line_start = start;
+  // Lines of whole groups are decoded straight from the buffer; after a
+  // line that is not one, line() reads a few before they are tried again.
+  const Vek_buffer* source = in.buffer();
+  const uint8_t* const base = reading.line_by_line || source == nullptr ? nullptr : source->data();
+  const uint64_t size = base != nullptr ? source->size() : 0;
+  constexpr unsigned lines_before_retry = 8;
+  unsigned line_by_line = 0;
   while (stop == Decoder::go_on && in.tell() < stop_at) {
+    if (base != nullptr && decoder.group == 0 && line_by_line == 0 && in.tell() < size) {
+      const uint8_t* from = base + in.tell();
+      const uint8_t* to = decoder.whole_lines(from, base + size, base + std::min(stop_at, size),
+                                              in.eol() == vek_eol_crlf);
+      if (!decoder.failure.ok()) {
+        stop = Decoder::write_failed;
+        break;
+      }
+      if (to == from) line_by_line = lines_before_retry;
+      in.seek(static_cast<uint64_t>(to - base));
+      if (in.tell() >= stop_at) break;
+    } else if (line_by_line != 0) {
+      --line_by_line;
+    }
     line_start = in.tell();
     in.readln_view(line_limit, line, status);
     bool last = false;
