@@ -102,12 +102,14 @@ constexpr size_t longest_field_name = 76;
 
 // A quick look at the first line, which decides only the order of the
 // work, never what is taken: whether it is an envelope line ("From ") or
-// a field name (printable bytes, no blank) and its colon.
+// a field name (a letter, then printable bytes, no blank) and its colon.
+// A log's time stamp ("2026-03-02T09:16:18") is no name a mailer writes.
 bool begins_as_mail(std::string_view bytes) {
   if (bytes.starts_with("From ")) return true;
   const std::string_view head = bytes.substr(0, longest_field_name + 1);
   const size_t colon = head.find(':');
-  if (colon == 0 || colon == std::string_view::npos) return false;
+  const char first = static_cast<char>(head.empty() ? 0 : head[0] | 0x20);
+  if (colon == std::string_view::npos || first < 'a' || first > 'z') return false;
   for (size_t i = 0; i < colon; ++i)
     if (head[i] <= ' ' || head[i] > '~') return false;
   return true;
