@@ -217,7 +217,8 @@ class Keyword_finder {
 // lines hold no lower case letters, and text seldom holds these runs),
 // and the scan goes on at the start of the line where one stands. A line
 // that might be over the limit is never passed over: a run of this many
-// bytes without an LF stops the search at its line, which is then read.
+// bytes without a line end stops the search at its line, which is then
+// read.
 constexpr size_t smtp_skip_stop_run = smtp_scan_line_limit - 24;
 
 enum Skip_words : uint32_t {
