@@ -18,7 +18,10 @@ the wall clock time and the peak resident memory of
   smtpfm tree random.bin              (hardened, line ends made canonical)
   smtpfm tree --keep-line-ends random.bin
   smtpfm tree --strict random.bin     (the reference reading)
-  smtpfm scan folder                  (hardened, then --strict)
+  smtpfm tree --no-uuencode random.bin  (smtp.so alone: uue.so looks for a
+                                      uuencoded block anywhere in the file)
+  smtpfm scan folder                  (hardened, then --strict, then
+                                      --no-uuencode)
   ls -l folder                        (what listing the folder costs)
 
 Every command runs under /usr/bin/time, which reports its peak memory; its
@@ -131,9 +134,11 @@ def main():
         ("smtpfm tree, 200 MB of random bytes", [smtpfm, "tree", random_bin]),
         ("smtpfm tree --keep-line-ends, the same", [smtpfm, "tree", "--keep-line-ends", random_bin]),
         ("smtpfm tree --strict, the same", [smtpfm, "tree", "--strict", random_bin]),
+        ("smtpfm tree --no-uuencode, the same", [smtpfm, "tree", "--no-uuencode", random_bin]),
         ("smtpfm scan, %d files of %d MiB that are no mail" % (len(os.listdir(non_mail)), FOLDER_FILE_SIZE // MIB),
          [smtpfm, "scan", non_mail]),
         ("smtpfm scan --strict, the same", [smtpfm, "scan", "--strict", non_mail]),
+        ("smtpfm scan --no-uuencode, the same", [smtpfm, "scan", "--no-uuencode", non_mail]),
         ("ls -l, the same folder", ["ls", "-l", non_mail]),
     ]
     results = []

@@ -57,7 +57,8 @@ constexpr std::array<uint8_t, 256> table = make_table();
 #ifdef SMTPFM_BASE64_AVX2
 // Decodes blocks of 32 characters of the alphabet into 24 bytes each, as
 // long as whole blocks of nothing but the alphabet follow and `room` bytes
-// of output hold 32 more. Returns the number of characters decoded. (The
+// of output hold 32 more, and the whole groups of the alphabet that end
+// the run. Returns the number of characters decoded. (The
 // translation and check by nibble lookups follow Mula and Lemire, "Faster
 // Base64 encoding and decoding using AVX2 instructions", 2018.)
 __attribute__((target("avx2"))) size_t decode_blocks_avx2(const uint8_t* p, size_t count, uint8_t* o,
@@ -80,6 +81,7 @@ __attribute__((target("avx2"))) size_t decode_blocks_avx2(const uint8_t* p, size
   const __m256i lanes = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7);
   size_t done = 0;
   bool tail = false;
+  size_t finish = 0;  // what a tail block ends the run with
   for (;;) {
     const size_t left = count - done;
     const uint8_t* from = p + done;
@@ -92,14 +94,30 @@ __attribute__((target("avx2"))) size_t decode_blocks_avx2(const uint8_t* p, size
       if (room + again < 32) break;
       from = p + count - 32;
       to = o - again;
+      finish = count;
       tail = true;
     }
-    const __m256i text = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(from));
-    const __m256i high = _mm256_and_si256(_mm256_srli_epi32(text, 4), slash);
+    __m256i text = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(from));
+    __m256i high = _mm256_and_si256(_mm256_srli_epi32(text, 4), slash);
     const __m256i low = _mm256_and_si256(text, slash);
     const __m256i bad =
         _mm256_and_si256(_mm256_shuffle_epi8(lookup_low, low), _mm256_shuffle_epi8(lookup_high, high));
-    if (!_mm256_testz_si256(bad, bad)) break;
+    if (!_mm256_testz_si256(bad, bad)) {
+      // The block holds the end of the line's data: where its first k
+      // characters make whole groups, the 32 characters that end with
+      // them are decoded once more, with their first part again.
+      const uint32_t good =
+          static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(bad, _mm256_setzero_si256())));
+      const unsigned k = static_cast<unsigned>(__builtin_ctz(~good));
+      if (tail || k == 0 || k % 4 != 0 || done + k < 32) break;
+      finish = done + k;
+      from = p + finish - 32;
+      to += k / 4 * 3;
+      to -= 24;
+      tail = true;
+      text = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(from));
+      high = _mm256_and_si256(_mm256_srli_epi32(text, 4), slash);
+    }
     const __m256i roll = _mm256_shuffle_epi8(shift, _mm256_add_epi8(_mm256_cmpeq_epi8(text, slash), high));
     const __m256i values = _mm256_add_epi8(text, roll);
     // Four 6-bit values to one 24-bit number per 32-bit lane, then its
@@ -108,7 +126,7 @@ __attribute__((target("avx2"))) size_t decode_blocks_avx2(const uint8_t* p, size
     const __m256i groups = _mm256_madd_epi16(pairs, _mm256_set1_epi32(0x00011000));
     const __m256i bytes = _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(groups, order), lanes);
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(to), bytes);
-    if (tail) return count;
+    if (tail) return finish;
     o += 24;
     room -= 24;
     done += 32;
@@ -123,6 +141,29 @@ const bool have_avx2 = [] {
   return __builtin_cpu_supports("avx2") != 0;
 }();
 #endif
+
+// Decodes whole groups of the alphabet from `p`, as many as `count`
+// characters and `room` bytes of output hold, up to the first group that
+// holds anything else; returns the number of characters decoded.
+size_t decode_groups(const uint8_t* p, size_t count, uint8_t* o, size_t room) {
+  size_t done = 0;
+#ifdef SMTPFM_BASE64_AVX2
+  if (have_avx2 && count >= 32) done = decode_blocks_avx2(p, count, o, room);
+#endif
+  const uint8_t* q = p + done;
+  o += done / 4 * 3;
+  for (size_t groups = std::min((count - done) / 4, (room - done / 4 * 3) / 3); groups != 0; --groups) {
+    const uint32_t a = table[q[0]], b = table[q[1]], c = table[q[2]], d = table[q[3]];
+    if ((a | b | c | d) & 0xc0) break;
+    const uint32_t bits = a << 18 | b << 12 | c << 6 | d;
+    o[0] = static_cast<uint8_t>(bits >> 16);
+    o[1] = static_cast<uint8_t>(bits >> 8);
+    o[2] = static_cast<uint8_t>(bits);
+    o += 3;
+    q += 4;
+  }
+  return static_cast<size_t>(q - p);
+}
 
 // The decoder's state: it outlives a line, since a group of four
 // characters may be spread over several.
@@ -144,27 +185,9 @@ struct Decoder {
     while (p < end) {
       // Whole groups of four values, while the buffer has room for them.
       if (group == 0) {
-#ifdef SMTPFM_BASE64_AVX2
-        if (have_avx2 && end - p >= 32) {
-          const size_t n = decode_blocks_avx2(p, end - p, bytes + used, output_block - used);
-          p += n;
-          used += n / 4 * 3;
-        }
-#endif
-        size_t groups = std::min<size_t>((end - p) / 4, (output_block - used) / 3);
-        uint8_t* o = bytes + used;
-        while (groups != 0) {
-          const uint32_t a = table[p[0]], b = table[p[1]], c = table[p[2]], d = table[p[3]];
-          if ((a | b | c | d) & 0xc0) break;
-          const uint32_t bits = a << 18 | b << 12 | c << 6 | d;
-          o[0] = static_cast<uint8_t>(bits >> 16);
-          o[1] = static_cast<uint8_t>(bits >> 8);
-          o[2] = static_cast<uint8_t>(bits);
-          o += 3;
-          p += 4;
-          --groups;
-        }
-        used = o - bytes;
+        const size_t n = decode_groups(p, end - p, bytes + used, output_block - used);
+        p += n;
+        used += n / 4 * 3;
         if (output_block - used < 3 && !flush()) return write_failed;
         if (p == end) break;
       }
@@ -208,6 +231,37 @@ struct Decoder {
     return go_on;
   }
 
+  // Decodes the lines from `p`, the start of a line where no group is
+  // open, as long as each begins before `stop` and holds nothing but
+  // whole groups of the alphabet, fewer than line_limit of them, ended by
+  // a line end of the stream (`crlf_only`: CR LF, else LF or CR LF). These
+  // are the lines that line() decodes without a choice to make; returns
+  // the start of the first other line, where line() takes over. A failed
+  // write stops it, with `failure` set.
+  const uint8_t* whole_lines(const uint8_t* p, const uint8_t* end, const uint8_t* stop, bool crlf_only) {
+    while (p < stop) {
+      // Room for a whole line, and for the 8 bytes that a block store
+      // writes beyond its 24.
+      if (output_block - used < line_limit && !flush()) return p;
+      const size_t window = std::min<size_t>(end - p, line_limit);
+      const size_t n = decode_groups(p, window, bytes + used, output_block - used);
+      const uint8_t* const q = p + n;
+      size_t line_end = 0;
+      if (q - p < static_cast<ptrdiff_t>(line_limit)) {
+        if (end - q >= 2 && q[0] == '\r' && q[1] == '\n')
+          line_end = 2;
+        else if (!crlf_only && end - q >= 1 && q[0] == '\n')
+          line_end = 1;
+      }
+      // Anything else (a blank, a "=", a group cut short, a long line, the
+      // last line of the data) is line()'s, and what was written goes.
+      if (line_end == 0) return p;
+      used += n / 4 * 3;
+      p = q + line_end;
+    }
+    return p;
+  }
+
   Vek_ostream& out;
   const bool lenient;
   const bool past_padding;
@@ -246,7 +300,28 @@ uint64_t decode_base64(Vek_istream& in, Vek_ostream& out, uint64_t start, uint64
   bool data_ended = true;  // false when decoding stopped for another reason
   std::string_view line;
   uint64_t line_start = start;
+  // Lines of whole groups are decoded straight from the buffer; after a
+  // line that is not one, line() reads a few before they are tried again.
+  const Vek_buffer* source = in.buffer();
+  const uint8_t* const base = reading.line_by_line || source == nullptr ? nullptr : source->data();
+  const uint64_t size = base != nullptr ? source->size() : 0;
+  constexpr unsigned lines_before_retry = 8;
+  unsigned line_by_line = 0;
   while (stop == Decoder::go_on && in.tell() < stop_at) {
+    if (base != nullptr && decoder.group == 0 && line_by_line == 0 && in.tell() < size) {
+      const uint8_t* from = base + in.tell();
+      const uint8_t* to = decoder.whole_lines(from, base + size, base + std::min(stop_at, size),
+                                              in.eol() == vek_eol_crlf);
+      if (!decoder.failure.ok()) {
+        stop = Decoder::write_failed;
+        break;
+      }
+      if (to == from) line_by_line = lines_before_retry;
+      in.seek(static_cast<uint64_t>(to - base));
+      if (in.tell() >= stop_at) break;
+    } else if (line_by_line != 0) {
+      --line_by_line;
+    }
     line_start = in.tell();
     in.readln_view(line_limit, line, status);
     bool last = false;

@@ -38,6 +38,9 @@ struct Smtp_base64_reading {
   // With `lenient`: a padding ends its group but not the data, which go on
   // behind it, as runs of Base64 put one behind the other decode.
   bool past_padding = false;
+  // Read every line through the stream, one by one: the reference that the
+  // decoding of whole lines straight from the buffer must agree with.
+  bool line_by_line = false;
   // Set by the decoder: where the data ended in `in`, behind the "=" run
   // that ended them, or where reading stopped.
   uint64_t data_end = 0;

@@ -209,6 +209,102 @@ class Keyword_finder {
   const char* next_;  // the last place found; before it, from where the search began, there is none
 };
 
+// Between the lines that open, close or move a frame, the scan has nothing
+// to do: inside a frame only a keyword line matters, and outside one,
+// after the first line of a stretch of text, only a "begin" or a "table"
+// line. Rather than read those lines one by one, the bytes are searched
+// for the first three letters of the keywords that could matter (data
+// lines hold no lower case letters, and text seldom holds these runs),
+// and the scan goes on at the start of the line where one stands. A line
+// that might be over the limit is never passed over: a run of this many
+// bytes without a line end stops the search at its line, which is then
+// read.
+constexpr size_t smtp_skip_stop_run = smtp_scan_line_limit - 24;
+
+enum Skip_words : uint32_t {
+  skip_begin_table = 1,  // "beg", "tab"
+  skip_all = 2,          // and "end", "sec", "sum"
+};
+
+inline bool could_matter(const char* q, uint32_t words) {
+  const bool opens = (q[0] == 'b' && q[1] == 'e' && q[2] == 'g') || (q[0] == 't' && q[1] == 'a' && q[2] == 'b');
+  if (opens || words == skip_begin_table) return opens;
+  return (q[0] == 'e' && q[1] == 'n' && q[2] == 'd') || (q[0] == 's' && q[1] == 'e' && q[2] == 'c') ||
+         (q[0] == 's' && q[1] == 'u' && q[2] == 'm');
+}
+
+#ifdef SMTPFM_SCANNER_AVX2
+// The AVX2 steps of skip_lines: 32 places at a time while the loads stay
+// inside the bytes. Returns where they stopped; `line_start` follows the
+// line ends passed, and `stop` is set when a keyword was met.
+__attribute__((target("avx2"))) const char* skip_lines_avx2(const char* p, const char* end, uint32_t words,
+                                                            bool crlf, const char*& line_start, bool& stop) {
+#define SMTPFM_LOAD(at) _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at))
+#define SMTPFM_EQ(bytes, c) _mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(c))
+#define SMTPFM_RUN(a, b, c) _mm256_and_si256(_mm256_and_si256(SMTPFM_EQ(at0, a), SMTPFM_EQ(at1, b)), SMTPFM_EQ(at2, c))
+  const ptrdiff_t stop_run = static_cast<ptrdiff_t>(smtp_skip_stop_run);
+  while (end - p >= 32 + 2) {
+    const __m256i at0 = SMTPFM_LOAD(p), at1 = SMTPFM_LOAD(p + 1), at2 = SMTPFM_LOAD(p + 2);
+    __m256i found = _mm256_or_si256(SMTPFM_RUN('b', 'e', 'g'), SMTPFM_RUN('t', 'a', 'b'));
+    if (words == skip_all)
+      found = _mm256_or_si256(found, _mm256_or_si256(SMTPFM_RUN('e', 'n', 'd'),
+                                                      _mm256_or_si256(SMTPFM_RUN('s', 'e', 'c'), SMTPFM_RUN('s', 'u', 'm'))));
+    const uint32_t keywords = static_cast<uint32_t>(_mm256_movemask_epi8(found));
+    // Bit i: a line ends at place i (its LF, or the CR of its CR LF); the
+    // next line starts behind it.
+    const uint32_t ends = crlf ? static_cast<uint32_t>(_mm256_movemask_epi8(
+                                     _mm256_and_si256(SMTPFM_EQ(at0, '\r'), SMTPFM_EQ(at1, '\n'))))
+                               : static_cast<uint32_t>(_mm256_movemask_epi8(SMTPFM_EQ(at0, '\n')));
+    const int end_size = crlf ? 2 : 1;
+    // Only the line ends in front of a keyword move the line start on.
+    const uint32_t passed = keywords != 0 ? ends & ((1u << __builtin_ctz(keywords)) - 1) : ends;
+    if (passed != 0) {
+      if (p + __builtin_ctz(passed) - line_start >= stop_run) return p;
+      line_start = p + (31 - __builtin_clz(passed)) + end_size;
+    } else if (p + 32 - line_start >= stop_run) {
+      return p;
+    }
+    if (keywords != 0) {
+      stop = true;
+      return p;
+    }
+    p += 32;
+  }
+#undef SMTPFM_RUN
+#undef SMTPFM_EQ
+#undef SMTPFM_LOAD
+  return p;
+}
+#endif
+
+// From `from`, the start of a line, to the start of the first line that
+// holds one of `words`, or of the first line that may be over the limit;
+// `end` when there is neither. `crlf`: lines end in CR LF only, as the
+// stream reads them.
+const char* skip_lines(const char* from, const char* end, uint32_t words, bool crlf) {
+  const char* line_start = from;
+  const char* p = from;
+#ifdef SMTPFM_SCANNER_AVX2
+  if (have_avx2) {
+    bool stop = false;
+    p = skip_lines_avx2(p, end, words, crlf, line_start, stop);
+    if (stop) return line_start;
+  }
+#endif
+  // One place at a time: the rest, and where the steps found a long run
+  // (the line start is then checked again here).
+  for (; p < end; ++p) {
+    if (p - line_start >= static_cast<ptrdiff_t>(smtp_skip_stop_run)) return line_start;
+    if (crlf ? (*p == '\r' && end - p >= 2 && p[1] == '\n') : *p == '\n') {
+      line_start = p + (crlf ? 2 : 1);
+      if (crlf) ++p;
+    } else if (end - p >= 3 && could_matter(p, words)) {
+      return line_start;
+    }
+  }
+  return end - line_start >= static_cast<ptrdiff_t>(smtp_skip_stop_run) ? line_start : end;
+}
+
 // A "begin" line: the keyword, optional white space, exactly three digits,
 // optional white space and a file name. Sets `column` to the keyword's
 // position, and `file_name` if the line has a name.
@@ -316,7 +412,16 @@ bool Smtp_block_scanner::scan(Vek_istream& stream) {
   const char* base = bytes != nullptr ? reinterpret_cast<const char*>(bytes->data()) : nullptr;
   Keyword_finder finder(base, base != nullptr ? base + bytes->size() : nullptr);
 
+  const bool skip = base != nullptr && reading_ == Reading::skip_ordinary_lines;
   for (;;) {
+    if (skip && (w.open || in_text)) {
+      const uint64_t at = stream.tell();
+      if (at < bytes->size()) {
+        const char* next = skip_lines(base + at, base + bytes->size(), w.open ? skip_all : skip_begin_table,
+                                      stream.eol() == vek_eol_crlf);
+        stream.seek(static_cast<uint64_t>(next - base));
+      }
+    }
     uint64_t line_start = stream.tell();
     std::string_view line;
     stream.readln_view(smtp_scan_line_limit, line, status);

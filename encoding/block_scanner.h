@@ -65,6 +65,12 @@ class Smtp_block_scanner {
   // With `pass_long_lines`, a line over 1024 bytes is text like any other
   // and the scan goes on behind it.
   explicit Smtp_block_scanner(bool pass_long_lines = false) : pass_long_lines_(pass_long_lines) {}
+  // How lines that cannot change the result are passed over: by a search
+  // of the bytes for the keywords that could (the default), or read one by
+  // one, the reference that the search must agree with.
+  enum class Reading { skip_ordinary_lines, every_line };
+  Smtp_block_scanner(bool pass_long_lines, Reading reading)
+      : pass_long_lines_(pass_long_lines), reading_(reading) {}
   virtual ~Smtp_block_scanner() = default;
   Smtp_block_scanner(const Smtp_block_scanner&) = delete;
   Smtp_block_scanner& operator=(const Smtp_block_scanner&) = delete;
@@ -85,6 +91,7 @@ class Smtp_block_scanner {
  private:
   std::deque<std::unique_ptr<Smtp_block_record>> queue_;
   bool pass_long_lines_;
+  Reading reading_ = Reading::skip_ordinary_lines;
 };
 
 #endif  // SMTPFM_ENCODING_BLOCK_SCANNER_H_

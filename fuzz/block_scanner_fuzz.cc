@@ -9,7 +9,9 @@
 // (a frame that never closed becomes text at the next "begin" or at the
 // "table" in front of it, keeping its "encoded" flag);
 // the answer is true exactly when a record was closed by "end"; names and
-// alphabets stay within their bounds.
+// alphabets stay within their bounds; the scan that passes over ordinary
+// lines by searching for keywords gives the same records, answer and end
+// position as the one that reads every line, with long lines passed or not.
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -28,7 +30,29 @@ std::string_view line_at(std::string_view text, uint64_t position, Vek_eol eol) 
   return rest.substr(0, end);
 }
 
+// The records of a scan, field by field, its answer and where it stopped.
+std::string scan_result(std::string_view text, Vek_eol eol, bool pass_long_lines,
+                        Smtp_block_scanner::Reading reading) {
+  Vek_status status;
+  Vek_raw_memory_buffer buffer(text.size(), text.data(), 0);
+  Vek_buffered_istream stream(&buffer, true, status, eol);
+  Smtp_block_scanner scanner(pass_long_lines, reading);
+  std::string result = scanner.scan(stream) ? "found " : "none ";
+  result += std::to_string(stream.tell());
+  for (auto record = scanner.next_block(); record != nullptr; record = scanner.next_block())
+    result += "\n" + std::to_string(record->section) + " " + record->name + " " + std::to_string(record->column) +
+              " " + record->table + " " + std::to_string(record->data_start) + " " +
+              std::to_string(record->end_position) + " " + std::to_string(record->begin_position) + " " +
+              std::to_string(record->table_position) + " " + std::to_string(record->open) +
+              std::to_string(record->closed) + std::to_string(record->encoded);
+  return result;
+}
+
 void check_scan(std::string_view text, Vek_eol eol) {
+  for (bool pass_long_lines : {false, true})
+    FUZZ_CHECK(scan_result(text, eol, pass_long_lines, Smtp_block_scanner::Reading::skip_ordinary_lines) ==
+                   scan_result(text, eol, pass_long_lines, Smtp_block_scanner::Reading::every_line),
+               "passing over ordinary lines changed the scan (long lines %s)", pass_long_lines ? "passed" : "end it");
   Vek_status status;
   Vek_raw_memory_buffer buffer(text.size(), text.data(), 0);
   Vek_buffered_istream stream(&buffer, true, status, eol);

@@ -3,6 +3,10 @@
 // Invariants:
 // - each decoder gives the same bytes and status as a plain decoder that
 //   takes one byte at a time by the rules (the real ones read in blocks);
+// - the Base64 decoder that decodes whole lines straight from the buffer
+//   gives the same bytes, status, position and end of the data as the
+//   one that reads every line, strictly, as clients decode and past the
+//   padding;
 // - decode(encode(x)) == x for both codecs, with a good status, and no
 //   encoded line is longer than 76 bytes.
 //
@@ -152,6 +156,33 @@ Outcome run(std::string_view in, Vek_eol eol, Codec codec) {
   return {text_of(output), status.value()};
 }
 
+// The Base64 decoder's two ways of reading, under each reading rule.
+void check_base64_readings(std::string_view data, Vek_eol eol, uint64_t start, uint64_t length) {
+  for (int rule = 0; rule < 3; ++rule) {
+    uint64_t data_end[2], position[2];
+    Outcome outcome[2];
+    for (int way = 0; way < 2; ++way)
+      outcome[way] = run(data, eol, [&](const Vek_buffer&, Vek_istream& is, Vek_ostream& os, Vek_status& status) {
+        Smtp_base64_reading reading;
+        reading.lenient = rule != 0;
+        reading.past_padding = rule == 2;
+        reading.line_by_line = way == 1;
+        position[way] = decode_base64(is, os, start, length, status, reading);
+        data_end[way] = reading.data_end;
+      });
+    FUZZ_CHECK(outcome[0].status == outcome[1].status, "base64 rule %d: status 0x%08x, line by line 0x%08x", rule,
+               outcome[0].status, outcome[1].status);
+    FUZZ_CHECK(data_end[0] == data_end[1], "base64 rule %d: data end %llu, line by line %llu", rule,
+               (unsigned long long)data_end[0], (unsigned long long)data_end[1]);
+    // Strict decoding that fails drops what it decoded; how much of it had
+    // reached the stream is left open, as above.
+    if (outcome[0].status != vek_ok && rule == 0) continue;
+    FUZZ_CHECK(outcome[0].out == outcome[1].out && position[0] == position[1],
+               "base64 rule %d: %zu bytes out at %llu, line by line %zu at %llu", rule, outcome[0].out.size(),
+               (unsigned long long)position[0], outcome[1].out.size(), (unsigned long long)position[1]);
+  }
+}
+
 void check_lines(std::string_view encoded, size_t most, const char* codec) {
   size_t line_start = 0;
   for (size_t end; (end = encoded.find("\r\n", line_start)) != std::string_view::npos; line_start = end + 2)
@@ -198,6 +229,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FUZZ_CHECK(base64.out == base64_want.out, "base64: %zu bytes out, want %zu", base64.out.size(),
                base64_want.out.size());
 
+  check_base64_readings(data, eol, start, length);
+
   // Round trips of the whole data.
   const Outcome qp_encoded = run(data, vek_eol_crlf, [](const Vek_buffer&, Vek_istream& is, Vek_ostream& os,
                                                         Vek_status& status) { encode_quoted_printable(is, os, status); });
@@ -221,6 +254,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
                                     decode_base64(is, os, 0, base64_encoded.out.size(), status);
                                   });
   FUZZ_CHECK(base64_back.status == vek_ok, "base64 round trip: status 0x%08x", base64_back.status);
+  check_base64_readings(base64_encoded.out, eol, start, length);
   FUZZ_CHECK(base64_back.out == data, "base64 round trip: %zu bytes back from %zu", base64_back.out.size(),
              data.size());
   return 0;

@@ -16,7 +16,10 @@
 // - a rebuild never fails: a header line that opening let pass is copied
 //   as it stands;
 // - in the hardened profile, no entity has unexamined text: every byte of
-//   its body, markup and white space aside, reaches the host in some item.
+//   its body, markup and white space aside, reaches the host in some item;
+// - recognition takes bytes with bare LF line ends exactly when it takes
+//   their canonical copy (the host offers them as they are, and copies
+//   only what is taken), with the same status.
 //
 // Some rewrites are by design, and the tree check is skipped for messages
 // where they happen, since what follows from them may differ:
@@ -50,6 +53,8 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "contracts/status_codes.h"
@@ -384,6 +389,17 @@ void walk(Fmg_manager_base& manager, const Host_options& options, const std::str
 
 }  // namespace
 
+// Opens `bytes` as a top item: whether the manager takes them, and the
+// status it gives.
+std::pair<bool, uint32_t> recognised(Fmg_manager_base& manager, std::string_view bytes) {
+  Vek_raw_memory_buffer buffer(bytes.size(), bytes.data(), 0);
+  Fmg_host_item item;
+  Vek_status status;
+  Fmg_handler_base* handler = manager.open(&buffer, item, status);
+  if (handler != nullptr) handler->release();
+  return {handler != nullptr, status.value()};
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   static const Host_options options[2][2] = {{make_options(false, false), make_options(false, true)},
                                              {make_options(true, false), make_options(true, true)}};
@@ -393,5 +409,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   const int rich = size % 2;
   const std::string input(reinterpret_cast<const char*>(bytes), size);
   for (int hardened : {0, 1}) walk(*managers[rich][hardened], options[rich][hardened], input);
+  const std::string canonical = make_canonical(input);
+  if (canonical != input)
+    for (int hardened : {0, 1}) {
+      const auto given = recognised(*managers[rich][hardened], input);
+      const auto copied = recognised(*managers[rich][hardened], canonical);
+      FUZZ_CHECK(given == copied, "recognition of the bytes as given (%d, 0x%08x) and canonical (%d, 0x%08x)",
+                 given.first, given.second, copied.first, copied.second);
+    }
   return 0;
 }

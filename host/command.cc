@@ -37,6 +37,6 @@ Host_session::Host_session(const Host_options& options) : options_(options) {
   if (!plugins_ || !plugins_->create_managers(options, managers_, error)) throw Command_failure(error);
 }
 
-std::unique_ptr<Message_tree> Host_session::open(const std::string& file) const {
-  return std::make_unique<Message_tree>(managers_, read_file(file), options_);
+Opened_message Host_session::open(const std::string& file) const {
+  return Opened_message(File_bytes::open(file), managers_, options_);
 }

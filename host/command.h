@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "host/files.h"
 #include "host/host.h"
 
 // The options a command takes beside the ones every command has (--module,
@@ -25,6 +26,24 @@ struct Host_option_set {
 // Adds the plug-in options to `command`; the parse fills `options`.
 void add_host_options(CLI::App* command, Host_options& options, Host_option_set set = {});
 
+// A message opened from a file: its tree, and the bytes that the tree
+// reads, which go with it (the tree is released first).
+class Opened_message {
+ public:
+  Opened_message(File_bytes bytes, const Format_managers& managers, const Host_options& options)
+      : bytes_(std::move(bytes)),
+        tree_(std::make_unique<Message_tree>(managers, Message_tree::Borrowed{}, bytes_.view(), options)) {}
+  // Never moved: bytes held in memory may move with their string.
+  Opened_message(const Opened_message&) = delete;
+  Opened_message& operator=(const Opened_message&) = delete;
+  Message_tree* operator->() const { return tree_.get(); }
+  Message_tree& operator*() const { return *tree_; }
+
+ private:
+  File_bytes bytes_;
+  std::unique_ptr<Message_tree> tree_;
+};
+
 // The plug-ins that the options name, with a format manager of each, for
 // a command that opens messages one at a time.
 class Host_session {
@@ -33,7 +52,7 @@ class Host_session {
   // a plug-in does not load.
   explicit Host_session(const Host_options& options);
   // The message in `file` ("-": standard input), opened and walked.
-  std::unique_ptr<Message_tree> open(const std::string& file) const;
+  Opened_message open(const std::string& file) const;
   const Host_options& options() const { return options_; }
   const Format_managers& managers() const { return managers_; }
 

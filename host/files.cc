@@ -1,6 +1,7 @@
 #include "host/files.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,12 +53,11 @@ bool write_to(const std::string& path, int flags, std::string_view bytes) {
 
 }  // namespace
 
-std::string read_file(const std::string& path) {
-  std::string bytes;
-  if (path == "-") {
-    if (!read_all(STDIN_FILENO, 0, bytes)) throw Command_failure("standard input: cannot read");
-    return bytes;
-  }
+namespace {
+
+// Opens `path` for reading and tells its size when it is a regular file
+// (0 otherwise, or when unknown). Throws Command_failure.
+int open_for_reading(const std::string& path, size_t& regular_size) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) throw Command_failure(path + ": cannot open: " + std::strerror(errno));
   struct stat status;
@@ -66,12 +66,77 @@ std::string read_file(const std::string& path) {
     close(fd);
     throw Command_failure(path + ": is a folder, not a message");
   }
-  const size_t expected = known && S_ISREG(status.st_mode) ? static_cast<size_t>(status.st_size) : 0;
+  regular_size = known && S_ISREG(status.st_mode) ? static_cast<size_t>(status.st_size) : 0;
+  return fd;
+}
+
+// Reads the rest of `fd` into `bytes` and closes it. Throws Command_failure.
+void read_and_close(int fd, size_t expected, const std::string& path, std::string& bytes) {
   const bool read = read_all(fd, expected, bytes);
   const int error = errno;
   close(fd);
   if (!read) throw Command_failure(path + ": cannot read: " + std::strerror(error));
+}
+
+}  // namespace
+
+std::string read_file(const std::string& path) {
+  std::string bytes;
+  if (path == "-") {
+    if (!read_all(STDIN_FILENO, 0, bytes)) throw Command_failure("standard input: cannot read");
+    return bytes;
+  }
+  size_t size = 0;
+  const int fd = open_for_reading(path, size);
+  read_and_close(fd, size, path, bytes);
   return bytes;
+}
+
+File_bytes File_bytes::open(const std::string& path) {
+  if (path == "-") return File_bytes(read_file(path));
+  size_t size = 0;
+  const int fd = open_for_reading(path, size);
+  if (size > 0) {
+    void* mapped = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+    if (mapped != MAP_FAILED) {
+      close(fd);
+      File_bytes bytes;
+      bytes.mapped_ = static_cast<const char*>(mapped);
+      bytes.size_ = size;
+      return bytes;
+    }
+  }
+  // Not a regular file, an empty one, or one that the system does not map
+  // (a file system without mmap): read as a pipe is.
+  std::string held;
+  read_and_close(fd, size, path, held);
+  return File_bytes(std::move(held));
+}
+
+File_bytes::File_bytes(File_bytes&& other) noexcept
+    : held_(std::move(other.held_)), mapped_(other.mapped_), size_(other.size_) {
+  other.mapped_ = nullptr;
+  other.size_ = 0;
+}
+
+File_bytes& File_bytes::operator=(File_bytes&& other) noexcept {
+  if (this != &other) {
+    unmap();
+    held_ = std::move(other.held_);
+    mapped_ = other.mapped_;
+    size_ = other.size_;
+    other.mapped_ = nullptr;
+    other.size_ = 0;
+  }
+  return *this;
+}
+
+File_bytes::~File_bytes() { unmap(); }
+
+void File_bytes::unmap() {
+  if (mapped_ != nullptr) munmap(const_cast<char*>(mapped_), size_);
+  mapped_ = nullptr;
+  size_ = 0;
 }
 
 void write_file(const std::string& given, std::string_view bytes) {

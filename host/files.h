@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 // A failure that ends a command, or one of its inputs, with its text as
 // the one line on standard error.
@@ -21,6 +22,33 @@ struct Command_failure : std::runtime_error {
 // The bytes of `path` ("-": standard input). Throws Command_failure that
 // names the path and why (a folder, a file that cannot be opened or read).
 std::string read_file(const std::string& path);
+
+// The bytes of a message as a command reads them. A regular file is mapped
+// read-only, so that only the pages that are read come into memory:
+// refusing a large file that is no mail reads the few lines recognition
+// looks at, not the file. What cannot be mapped (standard input, a pipe,
+// an empty file) is read into memory; so are bytes given as a string. The
+// bytes stay valid and unchanged while the object lives (a mapped file
+// that another program shortens under it is not guarded against).
+class File_bytes {
+ public:
+  File_bytes() = default;
+  // The bytes of `path` ("-": standard input). Throws Command_failure as
+  // read_file does.
+  static File_bytes open(const std::string& path);
+  // Bytes held in memory.
+  explicit File_bytes(std::string bytes) : held_(std::move(bytes)) {}
+  File_bytes(File_bytes&& other) noexcept;
+  File_bytes& operator=(File_bytes&& other) noexcept;
+  ~File_bytes();
+  std::string_view view() const { return mapped_ != nullptr ? std::string_view(mapped_, size_) : held_; }
+
+ private:
+  void unmap();
+  std::string held_;
+  const char* mapped_ = nullptr;
+  size_t size_ = 0;
+};
 
 // Writes `bytes` to `path` ("-": standard output) by the rules above, so
 // that a failure leaves the old file or none. Throws Command_failure.

@@ -96,6 +96,25 @@ bool maps_back(std::string_view bytes) {
   return true;
 }
 
+// The longest field name that the quick look below accepts: longer ones
+// are no names a mailer writes.
+constexpr size_t longest_field_name = 76;
+
+// A quick look at the first line, which decides only the order of the
+// work, never what is taken: whether it is an envelope line ("From ") or
+// a field name (a letter, then printable bytes, no blank) and its colon.
+// A log's time stamp ("2026-03-02T09:16:18") is no name a mailer writes.
+bool begins_as_mail(std::string_view bytes) {
+  if (bytes.starts_with("From ")) return true;
+  const std::string_view head = bytes.substr(0, longest_field_name + 1);
+  const size_t colon = head.find(':');
+  const char first = static_cast<char>(head.empty() ? 0 : head[0] | 0x20);
+  if (colon == std::string_view::npos || first < 'a' || first > 'z') return false;
+  for (size_t i = 0; i < colon; ++i)
+    if (head[i] <= ' ' || head[i] > '~') return false;
+  return true;
+}
+
 // Pre-order list of a subtree, parents before children.
 std::vector<Item_node*> preorder(Item_node& top) {
   std::vector<Item_node*> order;
@@ -272,31 +291,68 @@ Message_tree::Message_tree(Fmg_manager_base& manager, Borrowed, std::string_view
 void Message_tree::take_input(std::string_view given) {
   original_ = given;
   input_ = given;
+  if (options_.keep_line_ends) return;
+  // Recognition reads a line alike whether it ends in LF or in CR LF, so
+  // the bytes as given decide whether a manager takes them. Bytes that do
+  // not begin as mail does are offered as they are: an item that is no
+  // mail is refused having touched only the pages that recognition read,
+  // and is copied only if a manager takes it after all. What begins as
+  // mail is made canonical first, so that it is not opened twice.
+  copy_when_taken_ = !begins_as_mail(given);
+  if (!copy_when_taken_) make_input_canonical();
+}
+
+void Message_tree::make_input_canonical() {
   // Most mail is canonical already: then the plug-in reads the bytes as
   // they came, and a large message is not held twice.
-  if (options_.keep_line_ends || is_canonical(given)) return;
-  const Line_ends ends = count_line_ends(given);
-  owned_ = canonical_copy(given, ends, &added_cr_);
+  if (is_canonical(original_)) return;
+  const Line_ends ends = count_line_ends(original_);
+  owned_ = canonical_copy(original_, ends, &added_cr_);
   input_ = owned_;
   bare_lf_only_ = ends.crlf == 0;
 }
 
-void Message_tree::start() {
+void Message_tree::set_root() {
   // Method 0: the block stays the tree's (or the caller's); the plug-in
   // only reads it.
   input_buffer_ = std::make_unique<Vek_raw_memory_buffer>(input_.size(), input_.data(), 0);
   root_ = std::make_unique<Item_node>();
   root_->item = std::make_unique<Fmg_host_item>();
   root_->buffer = input_buffer_.get();
-  walk(*root_);
+}
+
+void Message_tree::start() {
+  set_root();
+  if (!copy_when_taken_) {
+    walk(*root_);
+    return;
+  }
+  copy_when_taken_ = false;
+  if (!offer(*root_)) return;
+  if (!is_canonical(original_)) {
+    // Taken as given: opened again on the canonical copy, from a new item.
+    root_->handler->release();
+    root_->handler = nullptr;
+    make_input_canonical();
+    set_root();
+    if (!offer(*root_)) return;
+  }
+  open_items(*root_);
+  descend(*root_);
 }
 
 Message_tree::~Message_tree() { release_subtree(*root_); }
 
 void Message_tree::walk(Item_node& top) {
+  open_node(top);
+  descend(top);
+}
+
+void Message_tree::descend(Item_node& top) {
   // Depth first with an explicit stack: nesting is bounded by max_depth,
   // not by the program's stack.
-  std::vector<Item_node*> stack{&top};
+  std::vector<Item_node*> stack;
+  for (auto it = top.children.rbegin(); it != top.children.rend(); ++it) stack.push_back(it->get());
   while (!stack.empty()) {
     Item_node* node = stack.back();
     stack.pop_back();
@@ -306,9 +362,13 @@ void Message_tree::walk(Item_node& top) {
 }
 
 void Message_tree::open_node(Item_node& node) {
+  if (offer(node)) open_items(node);
+}
+
+bool Message_tree::offer(Item_node& node) {
   if (node.depth > options_.max_depth) {
     node.depth_limited = true;
-    return;
+    return false;
   }
   if (node.parent != nullptr) {
     // A part that holds a message is offered to the manager as a message.
@@ -317,7 +377,7 @@ void Message_tree::open_node(Item_node& node) {
     if (vek_string_equal_nc(type, u"message") && vek_string_equal_nc(subtype, u"rfc822"))
       node.item->add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
   }
-  if (node.buffer == nullptr) return;
+  if (node.buffer == nullptr) return false;
   // Every manager in turn, until one takes the item. The status is the
   // taker's, or the first failure of those that did not take it.
   for (Fmg_manager_base* manager : managers_) {
@@ -326,7 +386,7 @@ void Message_tree::open_node(Item_node& node) {
       node.handler = manager->open(node.buffer, *node.item, status);
     } catch (const std::exception& e) {
       node.failure = std::string("open: ") + e.what();
-      return;
+      return false;
     }
     if (node.handler == nullptr) {
       if (node.open_status == 0) node.open_status = status.value();
@@ -345,7 +405,10 @@ void Message_tree::open_node(Item_node& node) {
     }
     break;
   }
-  if (node.handler == nullptr) return;
+  return node.handler != nullptr;
+}
+
+void Message_tree::open_items(Item_node& node) {
   Vek_status status;
   node.handler_name = handler_class_name(*node.handler);
   try {

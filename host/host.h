@@ -206,9 +206,17 @@ class Message_tree {
 
  private:
   void take_input(std::string_view given);
+  void make_input_canonical();
+  void set_root();
   void start();
   void walk(Item_node& top);
+  // Walks the items below `top`, which is open.
+  void descend(Item_node& top);
   void open_node(Item_node& node);
+  // Offers the node to the managers in turn; whether one took it.
+  bool offer(Item_node& node);
+  // Lists the items of a node that a manager took.
+  void open_items(Item_node& node);
   void release_subtree(Item_node& node);
 
   std::vector<Fmg_manager_base*> managers_;
@@ -222,6 +230,8 @@ class Message_tree {
   std::vector<uint64_t> added_cr_;
   // The given bytes had bare LF line ends and no CR LF at all.
   bool bare_lf_only_ = false;
+  // The bytes are offered as given, and made canonical only if taken.
+  bool copy_when_taken_ = false;
   bool message_replaced_ = false;
   std::unique_ptr<Vek_raw_memory_buffer> input_buffer_;
   std::unique_ptr<Item_node> root_;

@@ -134,14 +134,14 @@ TEST(Scan, SplitsAnMboxAtItsEnvelopeLines) {
   std::vector<std::pair<std::string, std::string>> seen;
   std::string error;
   ASSERT_TRUE(for_each_message({(dir / "box.mbox").string(), (dir / "maildir").string()},
-                               [&](std::string name, std::string bytes) { seen.emplace_back(name, bytes); }, error))
+                               [&](std::string name, File_bytes bytes) { seen.emplace_back(name, bytes.view()); }, error))
       << error;
   ASSERT_EQ(seen.size(), 3u);
   EXPECT_EQ(seen[0].second, "Subject: one\n\n>From here on\n");
   EXPECT_EQ(seen[1].second, "Subject: two\n\nbody\n");
   EXPECT_EQ(seen[1].first, (dir / "box.mbox").string() + "#2");
   EXPECT_EQ(seen[2].second, "Subject: three\n\nx\n");
-  EXPECT_FALSE(for_each_message({(dir / "missing").string()}, [](std::string, std::string) {}, error));
+  EXPECT_FALSE(for_each_message({(dir / "missing").string()}, [](std::string, File_bytes) {}, error));
   fs::remove_all(dir);
 }
 

@@ -26,12 +26,12 @@ namespace fs = std::filesystem;
 namespace {
 
 bool split_mbox(const std::string& path, std::ifstream& in,
-                const std::function<void(std::string, std::string)>& take) {
+                const std::function<void(std::string, File_bytes)>& take) {
   std::string message, line;
   size_t count = 0;
   bool in_message = false, after_blank = true;
   auto flush = [&] {
-    if (in_message) take(path + "#" + std::to_string(++count), std::move(message));
+    if (in_message) take(path + "#" + std::to_string(++count), File_bytes(std::move(message)));
     message.clear();
   };
   while (std::getline(in, line)) {
@@ -57,31 +57,31 @@ bool split_mbox(const std::string& path, std::ifstream& in,
   return !in.bad();
 }
 
-bool take_file(const fs::path& path, const std::function<void(std::string, std::string)>& take,
+bool take_file(const fs::path& path, const std::function<void(std::string, File_bytes)>& take,
                std::string& error) {
+  // A file is mapped, not read: one that is no mail costs the pages that
+  // recognition reads.
+  File_bytes bytes;
+  try {
+    bytes = File_bytes::open(path.string());
+  } catch (const Command_failure& failure) {
+    error = failure.what();
+    return false;
+  }
+  if (!bytes.view().starts_with("From ")) {
+    take(path.string(), std::move(bytes));
+    return true;
+  }
+  bytes = File_bytes();
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     error = path.string() + ": cannot open: " + std::strerror(errno);
     return false;
   }
-  char head[5] = {};
-  in.read(head, 5);
-  bool mbox = in.gcount() == 5 && std::memcmp(head, "From ", 5) == 0;
-  in.clear();
-  in.seekg(0);
-  if (mbox) {
-    if (!split_mbox(path.string(), in, take)) {
-      error = path.string() + ": cannot read";
-      return false;
-    }
-    return true;
-  }
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) {
+  if (!split_mbox(path.string(), in, take)) {
     error = path.string() + ": cannot read";
     return false;
   }
-  take(path.string(), std::move(bytes));
   return true;
 }
 
@@ -91,7 +91,7 @@ bool take_file(const fs::path& path, const std::function<void(std::string, std::
 struct Queued_message {
   uint64_t sequence;  // its place in the input, from 0
   std::string name;
-  std::string bytes;
+  File_bytes bytes;
 };
 
 class Message_queue {
@@ -172,7 +172,7 @@ void count_tree(Message_tree& tree, Totals& totals) {
 }  // namespace
 
 bool for_each_message(const std::vector<std::string>& paths,
-                      const std::function<void(std::string, std::string)>& take, std::string& error,
+                      const std::function<void(std::string, File_bytes)>& take, std::string& error,
                       const std::function<void(const std::string&)>& failed) {
   bool all = true;
   auto fail = [&](const std::string& why) {
@@ -313,7 +313,7 @@ int run_scan(const Host_options& options, const std::vector<std::string>& paths,
           writer.write(message->sequence, {});
           continue;
         }
-        Message_tree tree(managers, std::move(message->bytes), options);
+        Message_tree tree(managers, Message_tree::Borrowed{}, message->bytes.view(), options);
         count_tree(tree, mine);
         Scan_lines lines;
         if (json_out != nullptr) lines.document = json_line(tree_json(tree, message->name)) + "\n";
@@ -343,7 +343,7 @@ int run_scan(const Host_options& options, const std::vector<std::string>& paths,
   uint64_t sequence = 0;
   for_each_message(
       paths,
-      [&](std::string name, std::string bytes) {
+      [&](std::string name, File_bytes bytes) {
         writer.wait_room(sequence);
         queue.push({sequence++, std::move(name), std::move(bytes)});
       },

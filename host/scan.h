@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "host/files.h"
 #include "host/host.h"
 
 // Calls `take` with each message under `paths`: a file is one message, a
@@ -14,11 +15,11 @@
 // a file whose first line begins with "From " is an mbox, split at every
 // "From " line that begins the file or follows an empty line; that
 // envelope line is not part of the message. An mbox is read a message at a
-// time, never whole. A path that cannot be read is passed over: `failed`
-// (when given) gets why, and the result is false with the first reason in
-// `error`.
+// time, never whole; any other file is mapped (File_bytes). A path that
+// cannot be read is passed over: `failed` (when given) gets why, and the
+// result is false with the first reason in `error`.
 bool for_each_message(const std::vector<std::string>& paths,
-                      const std::function<void(std::string name, std::string bytes)>& take, std::string& error,
+                      const std::function<void(std::string name, File_bytes bytes)>& take, std::string& error,
                       const std::function<void(const std::string& why)>& failed = nullptr);
 
 struct Scan_options {
