@@ -54,17 +54,14 @@ struct Case {
   const char* reference;
 };
 
+// (The tricks that the evasion corpus holds, a name in a disposition or in
+// RFC 2231 with a charset, a transfer encoding quoted or of two words, are
+// evasion/evasion_test.cc's.)
 TEST(HardenedNames, ContentAsClientsReadIt) {
   const Case cases[] = {
       {"Base64 with a stray character and no padding",
        "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64", "TV*ohIQ",
        "application/octet-stream [] MZ!!", "-"},
-      {"disposition filename alone",
-       "Content-Type: application/octet-stream|Content-Disposition: attachment; filename=\"evil.exe\"|"
-       "Content-Transfer-Encoding: base64",
-       "TVohIQ==", "application/octet-stream [evil.exe] MZ!!", "application/octet-stream [] MZ!!"},
-      {"RFC 2231 value with charset", "Content-Type: text/plain; name*=iso-8859-1'en'caf%E9.txt", "x",
-       "text/plain [caf\xe9.txt] x\r\n", "text/plain [] x\r\n"},
       {"RFC 2231 sections, extended and plain, out of order, up to a gap",
        "Content-Type: text/plain|Content-Disposition: attachment; filename*1=\"-2\"; "
        "filename*0*=utf-8''caf%C3%A9; filename*2=.scr; filename*4=.txt",
@@ -107,13 +104,6 @@ TEST(HardenedNames, ContentAsClientsReadIt) {
       {"S/MIME by type stays encrypted, its content offered all the same",
        "Content-Type: application/pkcs7-mime; name=x.exe|Content-Transfer-Encoding: base64",
        "TVohIQ==", "application/pkcs7-mime [x.exe] MZ!!", "-"},
-      {"transfer encoding of two words",
-       "Content-Type: application/octet-stream|"
-       "Content-Transfer-Encoding: base64 encoded",
-       "TVohIQ==", "application/octet-stream [] MZ!!", "-"},
-      {"transfer encoding quoted",
-       "Content-Type: application/octet-stream|Content-Transfer-Encoding: \"Base64\"",
-       "TVohIQ==", "application/octet-stream [] MZ!!", "-"},
       {"two transfer encodings: the first reading follows",
        "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64|Content-Transfer-Encoding: "
        "7bit",

@@ -1,21 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "contracts/tav.h"
-#include "contracts/zor.h"
 
 namespace {
-
-TEST(Zor, Condition) {
-  Zor_condition condition;
-  EXPECT_FALSE(condition.is_satisfied(u"smtp"));  // uninitialised: nothing
-  condition.initialise(u" Smtp ; mime,, other ");
-  EXPECT_TRUE(condition.is_satisfied(u"SMTP"));
-  EXPECT_TRUE(condition.is_satisfied(u"mime"));
-  EXPECT_FALSE(condition.is_satisfied(u""));
-  EXPECT_FALSE(condition.is_satisfied(u"oth"));
-  condition.initialise(u"");
-  EXPECT_FALSE(condition.is_satisfied(u"smtp"));
-}
 
 TEST(Tav, GuidTextAndProperties) {
   Tav_guid guid{0xD00BCC02, 0x7BB8, 0x11D1, {0xA9, 0x3B, 0x00, 0xA0, 0xC9, 0x43, 0x08, 0x65}};
