@@ -4,9 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -213,20 +211,6 @@ TEST_F(Rfc1505, EncodingFieldWithoutValueIsAFaultOfTheCaller) {
             std::string::npos)
       << tree_->root().failure;
   EXPECT_EQ(host_rebuild(), tree_->input());
-}
-
-TEST_F(Rfc1505, SampleMessageOpensIntoItsThreeParts) {
-  std::ifstream file(std::string(SMTPFM_SAMPLE_DIR) + "/rfc1505-encoding.eml", std::ios::binary);
-  ASSERT_TRUE(file);
-  std::stringstream text;
-  text << file.rdbuf();
-  open(text.str());
-  const std::vector<std::string> got = parts();
-  ASSERT_EQ(got.size(), 3u);
-  EXPECT_EQ(got[0].rfind("begin 644 figures.csv\r\n", 0), 0u);
-  EXPECT_EQ(got[1], crlf({"-- ", "Ben"}));
-  EXPECT_EQ(got[2].rfind("Hello,\r\n", 0), 0u);
-  EXPECT_FALSE(modified());
 }
 
 }  // namespace

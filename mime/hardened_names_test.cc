@@ -54,9 +54,8 @@ struct Case {
   const char* reference;
 };
 
-// (The tricks that the evasion corpus holds, a name in a disposition or in
-// RFC 2231 with a charset, a transfer encoding quoted or of two words, are
-// evasion/evasion_test.cc's.)
+// (A name in a disposition alone or in RFC 2231 with a charset is the
+// evasion corpus's: evasion/evasion_test.cc.)
 TEST(HardenedNames, ContentAsClientsReadIt) {
   const Case cases[] = {
       {"Base64 with a stray character and no padding",
@@ -104,6 +103,11 @@ TEST(HardenedNames, ContentAsClientsReadIt) {
       {"S/MIME by type stays encrypted, its content offered all the same",
        "Content-Type: application/pkcs7-mime; name=x.exe|Content-Transfer-Encoding: base64",
        "TVohIQ==", "application/pkcs7-mime [x.exe] MZ!!", "-"},
+      {"transfer encoding of two words",
+       "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64 encoded", "TVohIQ==",
+       "application/octet-stream [] MZ!!", "-"},
+      {"transfer encoding quoted", "Content-Type: application/octet-stream|Content-Transfer-Encoding: \"Base64\"",
+       "TVohIQ==", "application/octet-stream [] MZ!!", "-"},
       {"two transfer encodings: the first reading follows",
        "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64|Content-Transfer-Encoding: "
        "7bit",

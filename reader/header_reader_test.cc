@@ -26,7 +26,6 @@ TEST(ReadHeaderField, KindsAndActions) {
       {"specials in name, empty value", "a.b@c:\r\n", "a.b@c[] @8"},
       {"75-byte name", rep("n", 75) + ": v\r\n", rep("n", 75) + "[v] @80"},
       {"76-byte name is other", rep("n", 76) + ": v\r\n", bad + "[" + rep("n", 76) + ": v] @81"},
-      {"NUL ends value", std::string("A: b\0c\r\n", 8), "A[b] @8"},
       {"NUL before colon", std::string("A\0: b\r\n", 7), bad + std::string("[A\0: b]", 7) + " @7"},
       // Continuation lines.
       {"continuation opens bad", " x\r\nA: b\r\n", bad + "[ x] @4"},
@@ -48,14 +47,11 @@ TEST(ReadHeaderField, KindsAndActions) {
        bad + "[A:b]" + rep("[ c]", 8) + "[junk] @44"},
       {"eleven after turning bad", ab + rep(" c\r\n", 9) + "junk\r\n", "! @0"},
       {"ordinary field is unbounded", ab + rep(" c\r\n", 20), "A[b]" + rep("[ c]", 20) + " @86"},
-      // Lines that no header has: too long, or too many bytes outside
-      // printable ASCII in front of a NUL.
+      // Lines that no header has: too long. (Too many bytes outside
+      // printable ASCII in front of a NUL: the line scans' test below.)
       {"line of max bytes", rep("x", 1087) + "\r\n", "! @1087", smtp_not_header_line},
       {"long line behind field", ab + rep("x", 1087) + "\r\n", "A[b] @1093", smtp_not_header_line},
       {"line below max", "A: " + rep("x", 1083) + "\r\n", "A[" + rep("x", 1083) + "] @1088"},
-      {"four 8-bit bytes", "A: \xe4\xf6\xfc\xdf\r\n", "A[\xe4\xf6\xfc\xdf] @9"},
-      {"five 8-bit bytes", "A: \x01\xf6\xfc\xdf\x7f\r\n", "! @10", smtp_not_header_line},
-      {"bytes behind NUL", std::string("A: b\0\xe4\xf6\xfc\xdf\xe9\r\n", 12), "A[b] @12"},
       // End of the stream.
       {"last line without line end", ab + " c", "A[b][ c] @8"},
       {"empty stream", "", "! @0"},
@@ -147,23 +143,9 @@ std::string naive_unfold(const std::vector<std::string>& lines) {
 }
 
 // Continuation lines are joined by one space; a backslash at a line end
-// inside a quoted string stands for the line break.
-TEST(UnfoldFieldLines, Table) {
-  const std::pair<std::vector<std::string>, std::string> cases[] = {
-      {{}, ""},
-      {{"", "  b"}, "  b"},
-      {{"a  ", "  \tb", " c"}, "a b c"},
-      {{" \tx", " y"}, "x y"},
-      {{"\"x\\", " y\""}, "\"x\r\ny\""},
-      {{"a\\", " b"}, "a\\ b"},
-      {{"\"a\\\"b\\", " c"}, "\"a\\\"b\r\nc"},
-      {{"\"a\\", " b\\", " c\""}, "\"a\r\nb\r\nc\""},
-      {{"\"a\" \"b\\", "xc"}, "\"a\" \"b\r\nc"}};
-  for (const auto& [lines, want] : cases) EXPECT_EQ(unfold_field_lines(lines), want) << render(lines);
-}
-
-// The quote count is carried from line to line; it must agree with a count
-// made afresh.
+// inside a quoted string stands for the line break. The quote count is
+// carried from line to line: on random lines of the bytes that matter it
+// must agree with the rule applied afresh at every step.
 TEST(UnfoldFieldLines, AgreesWithRescanningOnRandomLines) {
   std::mt19937 random(1234);
   for (int round = 0; round < 20000; ++round) {

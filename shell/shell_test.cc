@@ -202,15 +202,6 @@ TEST(Frame, ElementSlotsStandInTheOrderOfTheContract) {
   EXPECT_EQ(slot_of(&Plg_element::description), 6u);
 }
 
-TEST(Frame, DisplayNameFallsBackToTheName) {
-  struct Element : Plg_element {
-    Element() : Plg_element(u"Plain", u"", u"d", Tav_guid{}, 1, 2) {}
-    Plg_object* create() override { return nullptr; }
-  } element;
-  EXPECT_EQ(element.display_name(), u"Plain");
-  EXPECT_EQ(plg_find_factory(u"PLAIN", &element.type()), &element);
-}
-
 TEST(Frame, PropertiesStopAtTheFirstFailure) {
   struct Probe : Rmx_configurable {
     int seen = 0;

@@ -15,9 +15,9 @@ Vek_wstring convert(std::u16string_view name, std::string_view bytes) {
 
 TEST(Mib, ResolvesNamesAndAliases) {
   Vek_status status;
-  for (auto name : {u"utf-8", u"UTF-8", u"iso-8859-1", u"ISO-8859-15", u"windows-1252", u"windows-1251",
-                    u"koi8-r", u"gb2312", u"gbk", u"gb18030", u"big5", u"shift_jis", u"euc-jp",
-                    u"iso-2022-jp", u"euc-kr", u"ks_c_5601-1987", u"us-ascii", u"ascii", u"latin1"}) {
+  // Names of real mail that the conversions below do not use.
+  for (auto name : {u"UTF-8", u"ISO-8859-15", u"windows-1251", u"gbk", u"gb18030", u"big5", u"shift_jis",
+                    u"euc-jp", u"euc-kr", u"ks_c_5601-1987", u"ascii", u"latin1"}) {
     mib_display_name(name, status);
     EXPECT_TRUE(status.ok()) << vek_wtos(name);
   }
