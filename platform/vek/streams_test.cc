@@ -84,28 +84,4 @@ TEST(Stream, ReadAndSeekAcrossTheEnd) {
   EXPECT_EQ(status.value(), vek_end_of_stream);
 }
 
-TEST(Stream, OutputGrowsAndEndsLines) {
-  Vek_memory_buffer crlf, lf;
-  Vek_status status;
-  Vek_ostream out3(&crlf, status, vek_eol_crlf);
-  out3.write("ab", status);
-  out3.writeln("c", status);
-  out3.writeln("", status);
-  EXPECT_EQ(std::string(reinterpret_cast<const char*>(crlf.data()), crlf.size()), "abc\r\n\r\n");
-  EXPECT_EQ(out3.tell(), 7u);
-  Vek_ostream out0(&lf, status, vek_eol_lf);
-  out0.writeln("x", status);
-  EXPECT_EQ(lf.size(), 2u);
-
-  std::string big(100000, 'x');
-  Vek_istream in(&crlf, true, status, vek_eol_crlf);
-  Vek_memory_buffer copy;
-  Vek_ostream out(&copy, status, vek_eol_crlf);
-  out.write(big, status);
-  in.seek(3);
-  vek_copy_stream(in, out, status);
-  EXPECT_TRUE(status.ok());
-  EXPECT_EQ(copy.size(), big.size() + 4);
-}
-
 }  // namespace
