@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "contracts/zor.h"
-#include "host/host.h"
+#include "host/test_plugins.h"
 #include "manager/test_util.h"
 
 namespace {
@@ -24,25 +24,16 @@ std::string message(const std::string& value, const std::string& body) {
 
 class Rfc1505 : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    options_.module_path = SMTPFM_MODULE_PATH;
-    std::string error;
-    library_ = Plugin_library::load(options_, error).release();
-    ASSERT_NE(library_, nullptr) << error;
-  }
-  static void TearDownTestSuite() { delete library_; }
-
-  // Opens `bytes` through a new manager that exports `export_headers`; the
-  // top item must be taken by `handler` (none: "").
+  // Opens `bytes` through smtp.so alone with a manager that exports
+  // `export_headers`; the top item must be taken by `handler` (none: "").
   void open(const std::string& bytes, std::vector<std::string> export_headers = {},
             const std::string& handler = "Smtp_rfc1505_handler") {
     tree_.reset();
-    Host_options options = options_;
+    Host_options options;
     options.export_headers = std::move(export_headers);
-    std::string error;
-    manager_.reset(library_->create_manager(options, error));
-    EXPECT_NE(manager_, nullptr) << error;
-    tree_ = std::make_unique<Message_tree>(*manager_, bytes, options);
+    options.uuencode = false;
+    plugins_ = std::make_unique<Test_plugins>(SMTPFM_MODULE_PATH, options);
+    tree_ = plugins_->open(bytes);
     EXPECT_EQ(tree_->root().handler_name, handler) << tree_->root().failure;
   }
   // The bytes of the sub-items, in the host's order.
@@ -79,10 +70,8 @@ class Rfc1505 : public ::testing::Test {
     ASSERT_TRUE(tree_->replace(*node, bytes, error)) << error;
   }
 
-  static inline Host_options options_;
-  static inline Plugin_library* library_ = nullptr;
   // The tree goes before its manager.
-  Manager_ptr manager_;
+  std::unique_ptr<Test_plugins> plugins_;
   std::unique_ptr<Message_tree> tree_;
 };
 
