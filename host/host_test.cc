@@ -128,10 +128,10 @@ TEST(Corpus, TreesParseAndRefusalsSayWhy) {
   }
   EXPECT_EQ(messages, 128u);
   // Eight damaged messages are refused by the recognition rules.
-  EXPECT_EQ(refused, (std::set<std::string>{"malformedHeaderStartsBody-nocrlfcrlf.msg", "malformedHeader-nocrlfcrlf.msg",
-                                            "msg_35.txt", "malformedHeaderStartsBody-noheader.msg",
-                                            "malformedHeader-noheader.msg", "msg_19.txt", "obsolete.msg",
-                                            "very-very-long-boundary.msg"}));
+  EXPECT_EQ(refused, (std::set<std::string>{"malformedHeaderStartsBody-nocrlfcrlf.msg",
+                                            "malformedHeader-nocrlfcrlf.msg", "msg_35.txt",
+                                            "malformedHeaderStartsBody-noheader.msg", "malformedHeader-noheader.msg",
+                                            "msg_19.txt", "obsolete.msg", "very-very-long-boundary.msg"}));
 }
 
 class Tool_run : public ::testing::Test {

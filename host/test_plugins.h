@@ -18,7 +18,8 @@ struct Test_plugins {
     options.module_path = module_path;
     std::string error;
     plugins = Host_plugins::load(options, error);
-    if (plugins == nullptr || !plugins->create_managers(options, managers, error)) throw std::runtime_error(error);
+    if (plugins == nullptr || !plugins->create_managers(options, managers, error))
+      throw std::runtime_error(error);
   }
   // The tree of `bytes`, walked by every manager as smtpfm walks it.
   std::unique_ptr<Message_tree> open(std::string bytes) const {

@@ -9,7 +9,6 @@
 
 namespace {
 
-
 // Every occurrence of a listed field becomes a record, in the order of the
 // message, whatever the case of its name; nothing for an item that is no
 // message.

@@ -104,9 +104,10 @@ TEST(HardenedNames, ContentAsClientsReadIt) {
        "Content-Type: application/pkcs7-mime; name=x.exe|Content-Transfer-Encoding: base64",
        "TVohIQ==", "application/pkcs7-mime [x.exe] MZ!!", "-"},
       {"transfer encoding of two words",
-       "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64 encoded", "TVohIQ==",
-       "application/octet-stream [] MZ!!", "-"},
-      {"transfer encoding quoted", "Content-Type: application/octet-stream|Content-Transfer-Encoding: \"Base64\"",
+       "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64 encoded",
+       "TVohIQ==", "application/octet-stream [] MZ!!", "-"},
+      {"transfer encoding quoted",
+       "Content-Type: application/octet-stream|Content-Transfer-Encoding: \"Base64\"",
        "TVohIQ==", "application/octet-stream [] MZ!!", "-"},
       {"two transfer encodings: the first reading follows",
        "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64|Content-Transfer-Encoding: "

@@ -48,16 +48,18 @@ TEST(Multipart, TheShapesOfBodiesAndAttachments) {
       // Parts in the host's order, the body last; of a name and a file
       // name the reference takes the name.
       {"mixed, with preamble and epilogue",
-       message("multipart/mixed; boundary=\"outer\"",
-               "This is the preamble.|" +
-                   parts("outer",
-                         {"Content-Type: text/plain; charset=us-ascii||Hello",
-                          "Content-Type: application/pdf; name=\"r.pdf\"|Content-Transfer-Encoding: base64||JVBERg==",
-                          "Content-Type: image/gif; name=a.gif|Content-Disposition: attachment; filename=b.gif|"
-                          "Content-Transfer-Encoding: base64||R0lGOA=="}) +
-                   "|The epilogue."),
-       {"0 A (application/pdf)", "0.0 - application/pdf r.pdf =%PDF", "1 A (image/gif)", "1.0 - image/gif a.gif =GIF8",
-        "2 B (text/plain)", "2.0 - text/plain =Hello"}},
+       message(
+           "multipart/mixed; boundary=\"outer\"",
+           "This is the preamble.|" +
+               parts("outer",
+                     {"Content-Type: text/plain; charset=us-ascii||Hello",
+                      "Content-Type: application/pdf; name=\"r.pdf\"|Content-Transfer-Encoding: "
+                      "base64||JVBERg==",
+                      "Content-Type: image/gif; name=a.gif|Content-Disposition: attachment; filename=b.gif|"
+                      "Content-Transfer-Encoding: base64||R0lGOA=="}) +
+               "|The epilogue."),
+       {"0 A (application/pdf)", "0.0 - application/pdf r.pdf =%PDF", "1 A (image/gif)",
+        "1.0 - image/gif a.gif =GIF8", "2 B (text/plain)", "2.0 - text/plain =Hello"}},
       {"alternative and related inside a message",
        message(
            "multipart/mixed; boundary=m",

@@ -111,7 +111,8 @@ TEST(ReadHeaderField, RulesOfTheProfiles) {
     std::vector<std::string> lines;
     Vek_status status;
     const bool read = read_header_field(in.stream, name, lines, status, row.rules);
-    EXPECT_EQ(std::tuple(read && status.ok() ? name : "!", status.value()), std::tuple(row.want_name, row.want_status))
+    EXPECT_EQ(std::tuple(read && status.ok() ? name : "!", status.value()),
+              std::tuple(row.want_name, row.want_status))
         << row.in.substr(0, 30);
   }
 }

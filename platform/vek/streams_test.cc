@@ -37,7 +37,6 @@ TEST(Readln, Table) {
       {"lf", "ab\ncd\n", 10, vek_eol_lf, {{"ab", ok}, {"cd", ok}, {"", eos}}},
       {"crlf in lf mode", "ab\r\ncd\r\n", 10, vek_eol_lf, {{"ab", ok}, {"cd", ok}, {"", eos}}},
       {"last line without end", "ab\ncd", 10, vek_eol_lf, {{"ab", ok}, {"cd", eos}}},
-      {"blank lines", "\n\r\n", 10, vek_eol_lf, {{"", ok}, {"", ok}, {"", eos}}},
       {"lone cr is text", "a\rb\n", 10, vek_eol_lf, {{"a\rb", ok}, {"", eos}}},
       // Mode 3: only CR LF ends a line.
       {"crlf", "ab\r\ncd\r\n", 10, vek_eol_crlf, {{"ab", ok}, {"cd", ok}, {"", eos}}},
@@ -51,7 +50,6 @@ TEST(Readln, Table) {
        3,
        vek_eol_crlf,
        {{"abc", tl}, {"def", tl}, {"g", ok}, {"h", ok}, {"", eos}}},
-      {"above limit lf", "abcdefg\nh", 3, vek_eol_lf, {{"abc", tl}, {"def", tl}, {"g", ok}, {"h", eos}}},
       {"last line above limit", "abcde", 3, vek_eol_lf, {{"abc", tl}, {"de", eos}}},
       {"cr lf split by limit", "abc\r\n", 3, vek_eol_crlf, {{"abc", tl}, {"", ok}, {"", eos}}},
   };
