@@ -58,8 +58,8 @@ using Object_ptr = std::unique_ptr<T, Object_release>;
 
 // Every item call of `handler` at `position`, which is out of range, throws
 // std::invalid_argument naming the handler's class `name` and the call; a
-// buffer that set_item refuses stays the caller's (the sanitizer build sees
-// a double free).
+// buffer that set_item refuses stays the caller's (one on the stack here:
+// the sanitizer build sees a handler that frees it).
 inline void expect_position_refused(Fmg_handler_base& handler, Fmg_item& item, uint32_t position,
                                     const std::string& name) {
   Vek_status status;
