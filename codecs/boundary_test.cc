@@ -4,18 +4,6 @@
 
 namespace {
 
-// A boundary with a space at either end is matched strictly; one byte is
-// judged by that byte, and an empty boundary is strict.
-TEST(Boundary, ToleranceFollowsTheEndsOfTheBoundary) {
-  for (const auto& [text, tolerant] : {std::pair<const char*, bool>{"abc", true},
-                                       {"a", true},
-                                       {"abc ", false},
-                                       {" abc", false},
-                                       {" ", false},
-                                       {"", false}})
-    EXPECT_EQ(Smtp_boundary(text).tolerant(), tolerant) << '"' << text << '"';
-}
-
 // RFC 2046's transport padding: tabs as well as spaces at the end of any
 // delimiter line, taken only where asked for; a boundary that ends in a
 // space keeps its own lines.
@@ -44,19 +32,15 @@ TEST(Boundary, MatchLine) {
       {"plain", "abc", "--abc", match},
       {"blanks behind the dashes", "abc", "--  abc", match},
       {"blanks at the end", "abc", "--abc  ", match},
-      {"blanks at both", "abc", "-- abc ", match},
       {"closing", "abc", "--abc--", match_closing},
       {"blanks before closing dashes", "abc", "--abc  --", match_closing},
       {"blanks behind closing dashes", "abc", "--abc--  ", match_closing},
       {"blanks on both sides of closing dashes", "abc", "--abc -- ", no_match},
       {"blank and one dash", "abc", "--abc -", no_match},
-      {"two other bytes behind", "abc", "--abcxy", no_match},
       {"a tab", "abc", "--abc\t", no_match},
       {"longer boundary", "abc", "--abcd", no_match},
       {"case counts", "abc", "--ABC", no_match},
-      {"dashes alone", "abc", "--", no_match},
       {"one dash in front", "abc", "-abc", no_match},
-      {"text behind", "abc", "--abc and more", no_match},
       // Strict: the line must be exact.
       {"strict: exact", "abc ", "--abc ", match},
       {"strict: exact closing", "abc ", "--abc --", match_closing},

@@ -4,16 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <functional>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "contracts/zor.h"
-#include "host/host.h"
+#include "host/test_plugins.h"
 #include "manager/test_util.h"
 
 namespace {
@@ -27,25 +24,16 @@ std::string message(const std::string& value, const std::string& body) {
 
 class Rfc1505 : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    options_.module_path = SMTPFM_MODULE_PATH;
-    std::string error;
-    library_ = Plugin_library::load(options_, error).release();
-    ASSERT_NE(library_, nullptr) << error;
-  }
-  static void TearDownTestSuite() { delete library_; }
-
-  // Opens `bytes` through a new manager that exports `export_headers`; the
-  // top item must be taken by `handler` (none: "").
+  // Opens `bytes` through smtp.so alone with a manager that exports
+  // `export_headers`; the top item must be taken by `handler` (none: "").
   void open(const std::string& bytes, std::vector<std::string> export_headers = {},
             const std::string& handler = "Smtp_rfc1505_handler") {
     tree_.reset();
-    Host_options options = options_;
+    Host_options options;
     options.export_headers = std::move(export_headers);
-    std::string error;
-    manager_.reset(library_->create_manager(options, error));
-    EXPECT_NE(manager_, nullptr) << error;
-    tree_ = std::make_unique<Message_tree>(*manager_, bytes, options);
+    options.uuencode = false;
+    plugins_ = std::make_unique<Test_plugins>(SMTPFM_MODULE_PATH, options);
+    tree_ = plugins_->open(bytes);
     EXPECT_EQ(tree_->root().handler_name, handler) << tree_->root().failure;
   }
   // The bytes of the sub-items, in the host's order.
@@ -82,10 +70,8 @@ class Rfc1505 : public ::testing::Test {
     ASSERT_TRUE(tree_->replace(*node, bytes, error)) << error;
   }
 
-  static inline Host_options options_;
-  static inline Plugin_library* library_ = nullptr;
   // The tree goes before its manager.
-  Manager_ptr manager_;
+  std::unique_ptr<Test_plugins> plugins_;
   std::unique_ptr<Message_tree> tree_;
 };
 
@@ -143,27 +129,9 @@ TEST_F(Rfc1505, ExportedHeadersAreReadOnlyAndBadPositionsThrow) {
   EXPECT_FALSE(handler().can_modify_item(1, item(), status));
   EXPECT_TRUE(handler().can_modify_item(2, item(), status));
   EXPECT_TRUE(handler().can_modify_item(3, item(), status));
-  uint32_t position = 4;
-  Vek_memory_buffer replacement;
-  const std::pair<const char*, std::function<void()>> calls[] = {
-      {"get_item", [&] { handler().get_item(position, item(), status); }},
-      {"free_item", [&] { handler().free_item(4, item(), status); }},
-      {"can_modify_item", [&] { handler().can_modify_item(smtp_no_position, item(), status); }},
-      {"is_item_modified", [&] { handler().is_item_modified(7, item(), status); }},
-      {"set_item",
-       [&] {
-         status = smtp_bad_base64;
-         handler().set_item(0, &replacement, item(), status);
-       }},
-  };
-  for (const auto& [operation, call] : calls) {
-    try {
-      call();
-      ADD_FAILURE() << operation << " did not throw";
-    } catch (const std::invalid_argument& e) {
-      EXPECT_EQ(e.what(), std::string("Smtp_rfc1505_handler::") + operation + " - invalid position.");
-    }
-  }
+  smtp_test::expect_position_refused(handler(), item(), 4, "Smtp_rfc1505_handler");
+  status = smtp_bad_base64;
+  EXPECT_THROW(handler().set_item(0, nullptr, item(), status), std::invalid_argument);
   EXPECT_EQ(status.value(), smtp_bad_base64);
 }
 
@@ -232,20 +200,6 @@ TEST_F(Rfc1505, EncodingFieldWithoutValueIsAFaultOfTheCaller) {
             std::string::npos)
       << tree_->root().failure;
   EXPECT_EQ(host_rebuild(), tree_->input());
-}
-
-TEST_F(Rfc1505, SampleMessageOpensIntoItsThreeParts) {
-  std::ifstream file(std::string(SMTPFM_SAMPLE_DIR) + "/rfc1505-encoding.eml", std::ios::binary);
-  ASSERT_TRUE(file);
-  std::stringstream text;
-  text << file.rdbuf();
-  open(text.str());
-  const std::vector<std::string> got = parts();
-  ASSERT_EQ(got.size(), 3u);
-  EXPECT_EQ(got[0].rfind("begin 644 figures.csv\r\n", 0), 0u);
-  EXPECT_EQ(got[1], crlf({"-- ", "Ben"}));
-  EXPECT_EQ(got[2].rfind("Hello,\r\n", 0), 0u);
-  EXPECT_FALSE(modified());
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "contracts/zor.h"
 #include "host/host.h"
 #include "host/report.h"
+#include "host/test_plugins.h"
 #include "platform/vek/registry.h"
 
 namespace {
@@ -64,36 +65,28 @@ struct Outcome {
   uint64_t unexamined = 0;
 };
 
-class Profile {
- public:
-  explicit Profile(bool hardened) {
-    options_.module_path = SMTPFM_MODULE_PATH;
-    options_.hardened = hardened;
-    std::string error;
-    plugins_ = Host_plugins::load(options_, error);
-    if (plugins_ == nullptr || !plugins_->create_managers(options_, managers_, error))
-      throw std::runtime_error(error);
-  }
+// The outcome of `message` in a profile: its tree, searched for `payload`
+// and `name`.
+Outcome examine(const Test_plugins& profile, const std::string& message, const std::string& payload,
+                const std::string& name) {
+  const auto tree = profile.open(message);
+  Outcome outcome;
+  outcome.taken = tree->root().taken();
+  tree->for_each([&](Item_node& node) {
+    outcome.unexamined += unexamined_bytes(node);
+    if (node.parent == nullptr || node.bytes() != payload) return;
+    outcome.payload = true;
+    for (const std::string& given : names_of(node))
+      if (given == name) outcome.name = true;
+  });
+  return outcome;
+}
 
-  Outcome examine(const std::string& message, const std::string& payload, const std::string& name) const {
-    Message_tree tree(managers_, message, options_);
-    Outcome outcome;
-    outcome.taken = tree.root().taken();
-    tree.for_each([&](Item_node& node) {
-      outcome.unexamined += unexamined_bytes(node);
-      if (node.parent == nullptr || node.bytes() != payload) return;
-      outcome.payload = true;
-      for (const std::string& given : names_of(node))
-        if (given == name) outcome.name = true;
-    });
-    return outcome;
-  }
-
- private:
-  Host_options options_;
-  std::unique_ptr<Host_plugins> plugins_;
-  Format_managers managers_;  // released before the plug-ins unload
-};
+Host_options profile(bool hardened) {
+  Host_options options;
+  options.hardened = hardened;
+  return options;
+}
 
 struct Tally {
   int mails = 0;
@@ -107,7 +100,8 @@ TEST(Evasion, HardenedHandsTheHostEveryPayloadAndName) {
   ASSERT_GT(mails.size(), 50u) << "no corpus in " << SMTPFM_EVASION_CORPUS;
   const std::string payload = read_file(std::string(SMTPFM_EVASION_CORPUS) + "/payload.bin");
   ASSERT_FALSE(payload.empty());
-  const Profile profiles[2] = {Profile(false), Profile(true)};
+  const Test_plugins profiles[2] = {Test_plugins(SMTPFM_MODULE_PATH, profile(false)),
+                                    Test_plugins(SMTPFM_MODULE_PATH, profile(true))};
 
   std::map<std::string, Tally> families;
   std::vector<std::string> order;
@@ -119,7 +113,7 @@ TEST(Evasion, HardenedHandsTheHostEveryPayloadAndName) {
     ++tally.mails;
     ++total.mails;
     for (int hardened : {0, 1}) {
-      const Outcome outcome = profiles[hardened].examine(message, payload, mail.name);
+      const Outcome outcome = examine(profiles[hardened], message, payload, mail.name);
       for (Tally* t : {&tally, &total}) {
         t->payloads[hardened] += outcome.payload;
         t->names[hardened] += outcome.name;

@@ -7,15 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "contracts/status_codes.h"
 #include "encoding/block_scanner.h"
 #include "fuzz/hostile_inputs.h"
 #include "host/host.h"
-#include "reader/field_parsers.h"
 #include "reader/header_block.h"
 #include "reader/header_reader.h"
 #include "reader/test_corpus.h"
-#include "reader/tokeniser.h"
 
 namespace {
 
@@ -66,33 +63,6 @@ TEST(Hostile, BackslashLinesInAnOpenQuotedString) {
   const auto fields = header_block(text);
   ASSERT_EQ(fields.size(), 1u);
   EXPECT_TRUE(fields[0].value == want);
-}
-
-TEST(Hostile, NestedComments) {
-  const struct {
-    size_t depth;
-    bool parses;
-  } cases[] = {{1, true}, {smtp_max_comment_depth, true}, {smtp_max_comment_depth + 1, false}, {1000000, false}};
-  for (const auto& c : cases) {
-    const std::string value = hostile::nested_comments(c.depth);
-    std::string type, subtype;
-    std::vector<Smtp_header_field> parameters;
-    Vek_status status;
-    parse_content_type(value, type, subtype, parameters, status);
-    EXPECT_EQ(status.ok(), c.parses) << c.depth;
-    if (c.parses) {
-      EXPECT_EQ(type + "/" + subtype, "text/plain");
-      ASSERT_EQ(parameters.size(), 1u);
-      EXPECT_EQ(parameters[0].value, "x");
-    }
-    // Refolding needs the tokens; without them the value goes out whole.
-    Text_output out;
-    write_header_field(out.stream, "Content-Type", value, true, out.status);
-    EXPECT_TRUE(out.status.ok());
-    if (!c.parses) {
-      EXPECT_TRUE(out.text() == "Content-Type: " + value + "\r\n") << c.depth;
-    }
-  }
 }
 
 TEST(Hostile, ManyHeaderFields) {

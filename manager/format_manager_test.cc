@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
 #include <string>
 #include <vector>
 
@@ -10,7 +9,6 @@
 #include "manager/rfc822_handler.h"
 #include "manager/test_util.h"
 #include "platform/fmg/host_item.h"
-#include "reader/test_corpus.h"
 
 namespace {
 
@@ -119,8 +117,6 @@ TEST_F(FormatManager, RecognitionAndTheChoiceOfHandler) {
   make_manager({.rfc1521 = make_rfc1521, .rfc1505 = make_rfc1505});
   std::string made_up;
   for (int i = 0; i < 6; ++i) made_up += "Made-Up-" + std::to_string(i) + ": value\r\n";
-  std::string binary;
-  for (int i = 0; i < 512; ++i) binary += static_cast<char>((i * 73 + 11) % 256);
   const struct {
     const char* what;
     std::string text;
@@ -144,8 +140,6 @@ TEST_F(FormatManager, RecognitionAndTheChoiceOfHandler) {
       {"empty, enclosed", "", "rfc1521", true},
       {"empty", "", ""},
       {"eight fields, two known", made_up + crlf({"From: a@b", "Date: today", "", "body"}), ""},
-      {"binary", binary, ""},
-      {"C source", "#include <stdio.h>\n\nint main(void) {\n  return 0;\n}\n", ""},
       {"marked UNICODE", mail({"Subject: hello"}), "", false, u"UniCode", 0x1234},
       {"marked UTF-8", mail({"Subject: hello"}), "rfc822", false, u"UTF-8"},
   };
@@ -245,38 +239,6 @@ TEST_F(FormatManager, HandlersEndInEitherOrderBeforeTheManager) {
     (in_order ? first : second).reset();
     EXPECT_TRUE((in_order ? second : first)->has_items(in_order ? two : one, status));
   }
-}
-
-// Every message of the corpus is opened with a good status; a plain one can
-// be walked and is written back unchanged. The refused ones are the eight
-// that LooksLikeMessageHeader.Corpus names, and for the same reasons.
-TEST_F(FormatManager, CorpusIsTaken) {
-  const std::vector<Corpus_message> messages = load_corpus();
-  ASSERT_FALSE(messages.empty()) << "no corpus at " << corpus_dir();
-  std::set<std::string> refused;
-  for (const Corpus_message& message : messages) {
-    Fmg_host_item item;
-    Fmg_handler_base* handler = open(message.text, item);
-    EXPECT_TRUE(status_.ok()) << message.name;
-    if (handler == nullptr) {
-      refused.insert(message.name.substr(message.name.rfind('/') + 1));
-      continue;
-    }
-    if (auto* plain = dynamic_cast<Smtp_rfc822_handler*>(handler)) {
-      for (uint32_t position = 0; position != smtp_no_position;) {
-        Fmg_host_item child(&item);
-        ASSERT_NE(plain->get_item(position, child, status_), nullptr);
-      }
-      std::unique_ptr<Vek_buffer> copy(plain->rebuild(item, status_));
-      EXPECT_EQ(text_of(copy.get()), message.text) << message.name;
-    }
-  }
-  EXPECT_GT(messages.size(), 100u);
-  EXPECT_EQ(refused,
-            (std::set<std::string>{"malformedHeaderStartsBody-nocrlfcrlf.msg",
-                                   "malformedHeader-nocrlfcrlf.msg", "msg_35.txt",
-                                   "malformedHeaderStartsBody-noheader.msg", "malformedHeader-noheader.msg",
-                                   "msg_19.txt", "obsolete.msg", "very-very-long-boundary.msg"}));
 }
 
 }  // namespace

@@ -106,32 +106,4 @@ TEST(StreamHelpers, CountAndSkipLines) {
   }
 }
 
-// Copies run over the 16384-byte block and stop quietly at the end.
-TEST(StreamHelpers, CopyBytes) {
-  const struct {
-    size_t size;
-    uint64_t from;
-    uint32_t count;
-    size_t copied;
-  } cases[] = {{10, 0, 0xFFFFFFFF, 10},
-               {10, 8, 100, 2},
-               {10, 20, 5, 0},
-               {40000, 1, 16384, 16384},
-               {40000, 0, 40000, 40000}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::to_string(c.size) + " " + std::to_string(c.from) + " " + std::to_string(c.count));
-    std::string text;
-    for (size_t i = 0; i < c.size; ++i) text += static_cast<char>('a' + i % 26);
-    auto source = make_buffer(text);
-    Vek_memory_buffer target;
-    Vek_status status;
-    Vek_buffered_istream in(source.get(), false, status, vek_eol_crlf);
-    Vek_ostream out(&target, status, vek_eol_crlf);
-    in.seek(c.from);
-    copy_bytes(in, out, c.count, status);
-    EXPECT_TRUE(status.ok());
-    EXPECT_EQ(text_of(&target), text.substr(std::min<size_t>(c.from, c.size), c.copied));
-  }
-}
-
 }  // namespace

@@ -1,10 +1,15 @@
-// Helpers of the manager's tests: buffers from text and back, message text
-// with CR LF line ends, and owners that end plug-in objects with release().
+// Helpers of the handlers' tests: buffers from text and back, message text
+// with CR LF line ends, owners that end plug-in objects with release(), and
+// the check that a handler refuses positions out of range.
 #ifndef SMTPFM_MANAGER_TEST_UTIL_H_
 #define SMTPFM_MANAGER_TEST_UTIL_H_
 
+#include <gtest/gtest.h>
+
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,6 +55,33 @@ struct Object_release {
 };
 template <typename T>
 using Object_ptr = std::unique_ptr<T, Object_release>;
+
+// Every item call of `handler` at `position`, which is out of range, throws
+// std::invalid_argument naming the handler's class `name` and the call; a
+// buffer that set_item refuses stays the caller's (one on the stack here:
+// the sanitizer build sees a handler that frees it).
+inline void expect_position_refused(Fmg_handler_base& handler, Fmg_item& item, uint32_t position,
+                                    const std::string& name) {
+  Vek_status status;
+  Vek_memory_buffer replacement;
+  uint32_t walk = position;
+  const std::pair<const char*, std::function<void()>> calls[] = {
+      {"get_item", [&] { handler.get_item(walk, item, status); }},
+      {"free_item", [&] { handler.free_item(position, item, status); }},
+      {"can_modify_item", [&] { handler.can_modify_item(position, item, status); }},
+      {"is_item_modified", [&] { handler.is_item_modified(position, item, status); }},
+      {"set_item", [&] { handler.set_item(position, &replacement, item, status); }},
+  };
+  for (const auto& [operation, call] : calls) {
+    std::string what = "no exception";
+    try {
+      call();
+    } catch (const std::invalid_argument& e) {
+      what = e.what();
+    }
+    EXPECT_EQ(what, name + "::" + operation + " - invalid position.");
+  }
+}
 
 }  // namespace smtp_test
 

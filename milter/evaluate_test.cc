@@ -11,24 +11,18 @@
 #include <filesystem>
 
 #include "host/files.h"
+#include "host/test_plugins.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 // smtp.so and uue.so with a manager of each, as the milter has them.
-struct Plugins {
-  Plugins() {
-    options.module_path = std::string(SMTPFM_BIN_DIR) + "/smtp.so";
-    options.hardened = true;
-    std::string error;
-    plugins = Host_plugins::load(options, error);
-    if (!plugins || !plugins->create_managers(options, managers, error)) ADD_FAILURE() << error;
-  }
+Test_plugins milter_plugins() {
   Host_options options;
-  std::unique_ptr<Host_plugins> plugins;
-  Format_managers managers;
-};
+  options.hardened = true;
+  return Test_plugins(std::string(SMTPFM_BIN_DIR) + "/smtp.so", options);
+}
 
 // A multipart entity of a text body and one attachment of the given
 // head, whose body is "QUJD" (ABC).
@@ -117,7 +111,7 @@ TEST(Evaluate, VerdictRulesAndWhatPassesOn) {
   std::string error;
   auto policy = Policy::parse(policy_text, "p.toml", error);
   ASSERT_TRUE(policy) << error;
-  Plugins plugins;
+  const Test_plugins plugins = milter_plugins();
   for (const auto& c : cases) {
     Message_tree tree(plugins.managers, c.in, plugins.options);
     Evaluation evaluation = evaluate(*policy, tree);
@@ -141,7 +135,7 @@ TEST(Evaluate, VerdictRulesAndWhatPassesOn) {
 
 TEST(Evaluate, ItemFactsComeFromThePartAndItsContent) {
   std::string error;
-  Plugins plugins;
+  const Test_plugins plugins = milter_plugins();
   auto policy = Policy::parse("", "p.toml", error);
   Message_tree tree(plugins.managers,
                     with_attachment("Application/X-MSDownload; name=a.txt", "attachment; filename=b.exe"),

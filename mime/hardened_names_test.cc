@@ -54,17 +54,13 @@ struct Case {
   const char* reference;
 };
 
+// (A name in a disposition alone or in RFC 2231 with a charset is the
+// evasion corpus's: evasion/evasion_test.cc.)
 TEST(HardenedNames, ContentAsClientsReadIt) {
   const Case cases[] = {
       {"Base64 with a stray character and no padding",
        "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64", "TV*ohIQ",
        "application/octet-stream [] MZ!!", "-"},
-      {"disposition filename alone",
-       "Content-Type: application/octet-stream|Content-Disposition: attachment; filename=\"evil.exe\"|"
-       "Content-Transfer-Encoding: base64",
-       "TVohIQ==", "application/octet-stream [evil.exe] MZ!!", "application/octet-stream [] MZ!!"},
-      {"RFC 2231 value with charset", "Content-Type: text/plain; name*=iso-8859-1'en'caf%E9.txt", "x",
-       "text/plain [caf\xe9.txt] x\r\n", "text/plain [] x\r\n"},
       {"RFC 2231 sections, extended and plain, out of order, up to a gap",
        "Content-Type: text/plain|Content-Disposition: attachment; filename*1=\"-2\"; "
        "filename*0*=utf-8''caf%C3%A9; filename*2=.scr; filename*4=.txt",
@@ -108,8 +104,7 @@ TEST(HardenedNames, ContentAsClientsReadIt) {
        "Content-Type: application/pkcs7-mime; name=x.exe|Content-Transfer-Encoding: base64",
        "TVohIQ==", "application/pkcs7-mime [x.exe] MZ!!", "-"},
       {"transfer encoding of two words",
-       "Content-Type: application/octet-stream|"
-       "Content-Transfer-Encoding: base64 encoded",
+       "Content-Type: application/octet-stream|Content-Transfer-Encoding: base64 encoded",
        "TVohIQ==", "application/octet-stream [] MZ!!", "-"},
       {"transfer encoding quoted",
        "Content-Type: application/octet-stream|Content-Transfer-Encoding: \"Base64\"",

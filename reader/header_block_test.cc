@@ -97,18 +97,6 @@ TEST(FieldClasses, Table) {
   EXPECT_FALSE(is_time_line("12", std::vector<std::string>{}));
 }
 
-// A table row matches the lower-case name exactly or, as a prefix row, its
-// start; the walk stops early behind the name's first letter.
-TEST(FindFieldName, Table) {
-  for (const char* name : {"content-", "content-type", "to", "x-", "resent-from", "organisation"})
-    EXPECT_TRUE(find_field_name(smtp_message_field_names, name)) << name;
-  for (const char* name : {"content", "tox", "a", "", "\xe9x-", "Subject"})
-    EXPECT_FALSE(find_field_name(smtp_message_field_names, name)) << name;
-  for (const char* name : {"bad-header", "will-retry-until"})
-    EXPECT_TRUE(find_field_name(smtp_delivery_field_names, name)) << name;
-  EXPECT_FALSE(find_field_name(smtp_delivery_field_names, "from"));
-}
-
 TEST(LooksLikeMessageHeader, Table) {
   const std::pair<std::vector<std::string>, bool> cases[] = {
       {{}, false},

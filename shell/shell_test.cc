@@ -12,7 +12,6 @@
 
 #include "contracts/status_codes.h"
 #include "manager/format_manager.h"
-#include "platform/fmg/host_item.h"
 #include "platform/fmg/plg_loader.h"
 #include "platform/vek/registry.h"
 #include "shell/plg_frame.h"
@@ -201,32 +200,6 @@ TEST(Frame, ElementSlotsStandInTheOrderOfTheContract) {
   EXPECT_EQ(slot_of(&Plg_element::name), 4u);
   EXPECT_EQ(slot_of(&Plg_element::display_name), 5u);
   EXPECT_EQ(slot_of(&Plg_element::description), 6u);
-}
-
-TEST(Frame, DisplayNameFallsBackToTheName) {
-  struct Element : Plg_element {
-    Element() : Plg_element(u"Plain", u"", u"d", Tav_guid{}, 1, 2) {}
-    Plg_object* create() override { return nullptr; }
-  } element;
-  EXPECT_EQ(element.display_name(), u"Plain");
-  EXPECT_EQ(plg_find_factory(u"PLAIN", &element.type()), &element);
-}
-
-TEST(Frame, RmxAndDefaultHandler) {
-  struct Node : Rmx {} top, child;
-  child.set_parent(&top);
-  EXPECT_EQ(child.root(), &top);
-  EXPECT_EQ(top.root(), &top);
-  EXPECT_THROW(top.parent(), std::runtime_error);
-
-  struct Handler : Fmg_handler_base {} *handler = new Handler;
-  Vek_status status(vek_bad_argument);
-  Fmg_host_item item;
-  EXPECT_EQ(handler->rebuild(item, status), nullptr);
-  EXPECT_EQ(status.value(), vek_bad_argument);  // untouched
-  uint32_t position = 0;
-  EXPECT_THROW(handler->get_item(position, item, status), std::runtime_error);
-  handler->release();
 }
 
 TEST(Frame, PropertiesStopAtTheFirstFailure) {

@@ -2,7 +2,7 @@
 // blocks as clients find them, and uue.so through the host.
 #include <gtest/gtest.h>
 
-#include "host/host.h"
+#include "host/test_plugins.h"
 #include "uue/uuencode.h"
 
 namespace {
@@ -69,19 +69,15 @@ TEST(UueBlocks, FoundWhereClientsFindThem) {
 // block back uuencoded under the name the host gives it.
 TEST(UueManager, OpensBlocksAndWritesThemBack) {
   Host_options options;
-  options.module_path = std::string(SMTPFM_BIN_DIR) + "/smtp.so";
   options.hardened = true;
-  std::string error;
-  auto plugins = Host_plugins::load(options, error);
-  ASSERT_NE(plugins, nullptr) << error;
-  Format_managers managers;
-  ASSERT_TRUE(plugins->create_managers(options, managers, error)) << error;
-  ASSERT_EQ(managers.managers.size(), 2u);
+  const Test_plugins plugins(std::string(SMTPFM_BIN_DIR) + "/smtp.so", options);
+  ASSERT_EQ(plugins.managers.managers.size(), 2u);
   const std::string message =
       "From: a@example.org\r\nSubject: pictures\r\n\r\nHere:\r\n" + uuencode_block("644", "one.gif", "GIF89a-1", "\r\n") +
       "and\r\n" + uuencode_block("600", "two.gif", "GIF89a-2", "\r\n") + "bye\r\n";
-  Message_tree tree(managers, message, options);
-  Item_node* rest = tree.find("0");
+  const auto tree = plugins.open(message);
+  std::string error;
+  Item_node* rest = tree->find("0");
   ASSERT_NE(rest, nullptr);
   ASSERT_EQ(rest->children.size(), 4u) << rest->handler_name;
   EXPECT_EQ(rest->item->string_property(u"FormatSubtype"), u"UUE");
@@ -93,9 +89,9 @@ TEST(UueManager, OpensBlocksAndWritesThemBack) {
 
   Item_node& two = *rest->children[2];
   two.item->set_property(u"ItemName", u"two.gif.txt");
-  ASSERT_TRUE(tree.replace(two, "removed\r\n", error)) << error;
+  ASSERT_TRUE(tree->replace(two, "removed\r\n", error)) << error;
   std::string out;
-  ASSERT_TRUE(tree.rebuild(out, error)) << error;
+  ASSERT_TRUE(tree->rebuild(out, error)) << error;
   const std::string want_rest = uuencode_block("644", "one.gif", "GIF89a-1", "\r\n") + "and\r\n" +
                                 uuencode_block("600", "two.gif.txt", "removed\r\n", "\r\n") + "bye\r\n";
   EXPECT_EQ(out, "From: a@example.org\r\nSubject: pictures\r\n\r\nHere:\r\n" + want_rest);

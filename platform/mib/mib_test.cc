@@ -15,9 +15,9 @@ Vek_wstring convert(std::u16string_view name, std::string_view bytes) {
 
 TEST(Mib, ResolvesNamesAndAliases) {
   Vek_status status;
-  for (auto name : {u"utf-8", u"UTF-8", u"iso-8859-1", u"ISO-8859-15", u"windows-1252", u"windows-1251",
-                    u"koi8-r", u"gb2312", u"gbk", u"gb18030", u"big5", u"shift_jis", u"euc-jp",
-                    u"iso-2022-jp", u"euc-kr", u"ks_c_5601-1987", u"us-ascii", u"ascii", u"latin1"}) {
+  // Names of real mail that the conversions below do not use.
+  for (auto name : {u"UTF-8", u"ISO-8859-15", u"windows-1251", u"gbk", u"gb18030", u"big5", u"shift_jis",
+                    u"euc-jp", u"euc-kr", u"ks_c_5601-1987", u"ascii", u"latin1"}) {
     mib_display_name(name, status);
     EXPECT_TRUE(status.ok()) << vek_wtos(name);
   }
@@ -44,13 +44,12 @@ TEST(Mib, LooselyMatchedAlgorithmicName) {
   }
 }
 
+// (Multi-byte charsets are read through encoded words of real mail:
+// codecs/encoded_words_test.cc.)
 TEST(Mib, ConvertsAndReplaces) {
   EXPECT_EQ(convert(u"utf-8", "caf\xC3\xA9"), u"caf\u00E9");
   EXPECT_EQ(convert(u"iso-8859-1", "caf\xE9"), u"caf\u00E9");
   EXPECT_EQ(convert(u"windows-1252", "\x80"), u"\u20AC");
-  EXPECT_EQ(convert(u"koi8-r", "\xF0\xD2\xC9\xD7\xC5\xD4"), u"\u041F\u0440\u0438\u0432\u0435\u0442");
-  EXPECT_EQ(convert(u"gb2312", "\xC4\xE3\xBA\xC3"), u"\u4F60\u597D");
-  EXPECT_EQ(convert(u"iso-2022-jp", "\x1B$B$3$s\x1B(B"), u"\u3053\u3093");
   EXPECT_EQ(convert(u"utf-8", "a\377b"), u"a\uFFFDb");  // an invalid byte, 0xFF
   EXPECT_EQ(convert(u"us-ascii", "a\xE9"), u"a\uFFFD");
   EXPECT_EQ(convert(u"utf-8", ""), u"");  // replaces, never appends

@@ -2,75 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <filesystem>
-
+// (The registry itself is written and read through the module's own
+// registration: shell/shell_test.cc.)
 namespace {
-
-class Registry : public ::testing::Test {
- protected:
-  void SetUp() override {
-    root_ = std::filesystem::temp_directory_path() /
-            ("vek-registry-" + std::to_string(getpid()) + "-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-    std::filesystem::remove_all(root_);
-    vek_set_registry_root(root_.string());
-  }
-  void TearDown() override {
-    vek_registry_fail_writes_of(u"");
-    std::filesystem::remove_all(root_);
-  }
-  std::filesystem::path root_;
-};
-
-TEST_F(Registry, ValuesRoundTripInWriteOrder) {
-  Vek_status status;
-  vek_set_reg_string_value(HKEY_LOCAL_MACHINE, u"Software\\Co", u"Name\\{GUID}", u"ImagePath", u"/a \"b\"\n",
-                           status);
-  ASSERT_TRUE(status.ok());
-  vek_set_reg_uint_value(HKEY_LOCAL_MACHINE, u"Software\\Co", u"Name\\{GUID}", u"Version", 0x40000, status);
-  vek_set_reg_string_value(HKEY_LOCAL_MACHINE, u"Software\\Co", u"Name\\{GUID}", u"", u"d\u00E9fault", status);
-  vek_set_reg_uint_value(HKEY_LOCAL_MACHINE, u"Software\\Co", u"Name\\{GUID}", u"Version", 7, status);
-  auto values = vek_read_reg_key(HKEY_LOCAL_MACHINE, u"Software\\Co\\Name\\{GUID}");
-  ASSERT_TRUE(values.has_value());
-  ASSERT_EQ(values->size(), 3u);
-  EXPECT_EQ((*values)[0].text, u"/a \"b\"\n");
-  EXPECT_EQ((*values)[1].number, 7u);  // rewritten in place
-  EXPECT_EQ((*values)[2].name, u"");
-  EXPECT_EQ((*values)[2].text, u"d\u00E9fault");
-  EXPECT_TRUE(std::filesystem::exists(root_ / "HKEY_LOCAL_MACHINE/Software/Co/Name/{GUID}/values.reg"));
-}
-
-TEST_F(Registry, EnumerateAndRemove) {
-  Vek_status status;
-  for (auto key : {u"b", u"a"}) vek_set_reg_uint_value(HKEY_LOCAL_MACHINE, u"P", key, u"v", 1, status);
-  Vek_ptrvec_impl names(8);
-  vek_enum_reg_keys(HKEY_LOCAL_MACHINE, u"P", u"", names, status);
-  ASSERT_EQ(names.size(), 2u);
-  EXPECT_EQ(*static_cast<Vek_wstring*>(names.at(0)), u"a");
-  for (void* name : names) delete static_cast<Vek_wstring*>(name);
-
-  vek_remove_reg_key(HKEY_LOCAL_MACHINE, u"P", u"", u"a", status);
-  EXPECT_TRUE(status.ok());
-  vek_remove_reg_key(HKEY_LOCAL_MACHINE, u"P", u"", u"a", status);  // already gone: still a success
-  EXPECT_TRUE(status.ok());
-  EXPECT_FALSE(vek_read_reg_key(HKEY_LOCAL_MACHINE, u"P\\a").has_value());
-  EXPECT_TRUE(vek_read_reg_key(HKEY_LOCAL_MACHINE, u"P\\b").has_value());
-
-  Vek_ptrvec_impl none(8);
-  vek_enum_reg_keys(HKEY_LOCAL_MACHINE, u"Missing", u"", none, status);
-  EXPECT_TRUE(status.ok());
-  EXPECT_TRUE(none.empty());
-}
-
-TEST_F(Registry, InjectedFailure) {
-  Vek_status status;
-  vek_registry_fail_writes_of(u"ImagePath");
-  vek_set_reg_string_value(HKEY_LOCAL_MACHINE, u"P", u"k", u"ImagePath", u"x", status);
-  EXPECT_EQ(status.value(), vek_registry_failure);
-  vek_set_reg_string_value(HKEY_LOCAL_MACHINE, u"P", u"k", u"Other", u"x", status);
-  EXPECT_TRUE(status.ok());
-}
 
 TEST(Utf, RoundTrip) {
   Vek_wstring text = u"a\u00E9\u4E2D\U0001F600";
