@@ -202,6 +202,8 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
 
   bool malformed = false;
   parse_content_type(content_type, mime_type_, mime_subtype_, parameters_, status);
+  // What the parser made of the last field serves the names as well.
+  const bool type_parsed = status.ok() && !content_types.empty();
   if (!status.ok()) {
     item.log(33, smtp_log_severity, source_name_, status);
     status.clear();
@@ -218,10 +220,12 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
 
   std::string disposition;
   std::vector<Smtp_header_field> disposition_parameters;
+  bool disposition_parsed = false;
   if (!disposition_text.empty()) {
     // A disposition that does not parse is a failure of the opening: the
     // manager then keeps the entity with no sub-items.
     parse_content_disposition(disposition_text, disposition, disposition_parameters, status);
+    disposition_parsed = status.ok() && !dispositions.empty();
     if (!status.ok()) {
       if (!profile_.bad_disposition_read_leniently) return;
       // Only what the field says is lost; the rest of the entity stands.
@@ -262,7 +266,8 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
     std::string block_name;
     if (profile_.transfer_encoding_by_first_word && is_uuencode(encoding_))
       block_name = first_block_name(data, stream.tell());
-    collect_file_names(content_types, dispositions, block_name);
+    collect_file_names(content_types, dispositions, type_parsed ? &parameters_ : nullptr,
+                       disposition_parsed ? &disposition_parameters : nullptr, block_name);
   }
 
   const bool is_body = vek_string_equal_nc(disposition, "attachment") ? false : is_message_;

@@ -119,8 +119,13 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
   bool is_padding_or_blank(uint64_t start, uint64_t end) const;
   // Access (access.cc).
   Vek_wstring charset_or(std::u16string_view fallback) const;
+  // The names of the content; the parameter lists, where not null, are
+  // what set_data parsed of the last field of each kind.
   void collect_file_names(const std::vector<std::string>& content_types,
-                          const std::vector<std::string>& dispositions, std::string_view block_name);
+                          const std::vector<std::string>& dispositions,
+                          const std::vector<Smtp_header_field>* type_parameters,
+                          const std::vector<Smtp_header_field>* disposition_parameters,
+                          std::string_view block_name);
   // Signed and encrypted entities (secure.cc).
   void classify_secure_entity(const std::vector<Smtp_header_field>& disposition_parameters,
                               Vek_status& status);
@@ -206,8 +211,10 @@ bool may_read_otherwise(const std::vector<std::string>& content_types);
 // entity with these "Content-Type" values: the first and the last
 // "boundary" of each field as parsed and as split at ';', its RFC 2231 and
 // RFC 2047 forms, and a quoted value with its backslashes kept; trimmed,
-// without repeats.
-std::vector<std::string> boundary_readings(const std::vector<std::string>& content_types);
+// without repeats. `last_parsed`, where not null, holds the parameters that
+// the last value (repaired) parses into, which are then not parsed again.
+std::vector<std::string> boundary_readings(const std::vector<std::string>& content_types,
+                                           const std::vector<Smtp_header_field>* last_parsed = nullptr);
 
 // The first parameter named `name` (any case), or null.
 const Smtp_header_field* find_parameter(const std::vector<Smtp_header_field>& parameters,
