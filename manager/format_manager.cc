@@ -15,9 +15,19 @@ namespace {
 // The only fields that recognition keeps: those that choose the handler
 // and those that are published. All others are counted by name only.
 bool is_recognition_field(std::string_view name) {
-  return vek_string_equal_nc(name, "MIME-Version") || vek_string_equal_nc(name, "Content-Type") ||
-         vek_string_equal_nc(name, "Encoding") || vek_string_equal_nc(name, "Subject") ||
-         vek_string_equal_nc(name, "Date");
+  // Every field of every item is asked: the length sorts out most names.
+  switch (name.size()) {
+    case 12:
+      return vek_string_equal_nc(name, "MIME-Version") || vek_string_equal_nc(name, "Content-Type");
+    case 8:
+      return vek_string_equal_nc(name, "Encoding");
+    case 7:
+      return vek_string_equal_nc(name, "Subject");
+    case 4:
+      return vek_string_equal_nc(name, "Date");
+    default:
+      return false;
+  }
 }
 
 enum class Smtp_handler_kind { rfc1521, rfc1505, rfc822 };
@@ -74,15 +84,14 @@ Fmg_handler_base* Smtp_format_manager::open(Vek_buffer* buffer, Fmg_item& item, 
   if (!status.ok()) return nullptr;
 
   std::vector<Smtp_header_field> fields;
-  std::vector<std::string> field_names;
-  bool header = read_header_block(stream, fields, status, is_recognition_field, &field_names,
-                                  profile_->header_lines);
+  // The names are judged by their counts; none is copied.
+  Smtp_name_counts names;
+  bool header = read_header_block(stream, fields, status, is_recognition_field, names, profile_->header_lines);
 
   // A part of a MIME entity may start with no header at all: its content
   // type came from the entity around it.
   bool enclosed = item.properties().find(ZOR_ENCLOSED_MIME_TYPE) != nullptr;
-  bool taken =
-      (header && status.ok() && looks_like_message_header(field_names)) || (field_names.empty() && enclosed);
+  bool taken = (header && status.ok() && looks_like_message_header(names)) || (names.fields == 0 && enclosed);
   if (!taken) return nullptr;
 
   bool is_message = true;
