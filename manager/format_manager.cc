@@ -12,8 +12,9 @@
 
 namespace {
 
-// The only fields that recognition keeps: those that choose the handler
-// and those that are published. All others are counted by name only.
+// The only fields that recognition keeps: those that choose the handler,
+// those that are published, and those that the MIME handler opens an
+// entity by, which it is handed. All others are counted by name only.
 bool is_recognition_field(std::string_view name) {
   // Every field of every item is asked: the length sorts out most names.
   switch (name.size()) {
@@ -25,6 +26,10 @@ bool is_recognition_field(std::string_view name) {
       return vek_string_equal_nc(name, "Subject");
     case 4:
       return vek_string_equal_nc(name, "Date");
+    case 25:
+      return vek_string_equal_nc(name, "Content-Transfer-Encoding");
+    case 19:
+      return vek_string_equal_nc(name, "Content-Disposition");
     default:
       return false;
   }
@@ -35,8 +40,7 @@ enum class Smtp_handler_kind { rfc1521, rfc1505, rfc822 };
 // The text of the entity's body that no sub-item holds, as the handler
 // counted it; a handler that failed counts what it had reached, so a body
 // it never opened counts whole.
-void publish_unexamined(Fmg_handler_base& handler, Fmg_item& item) {
-  const auto* source = dynamic_cast<const Smtp_coverage_source*>(&handler);
+void publish_unexamined(const Smtp_coverage_source* source, Fmg_item& item) {
   if (source == nullptr || !source->coverage().started()) return;
   const std::vector<Smtp_range> ranges = source->coverage().unexamined();
   if (!ranges.empty()) item.set_property(smtp_unexamined, vek_stow(unexamined_text(ranges)));
@@ -87,6 +91,7 @@ Fmg_handler_base* Smtp_format_manager::open(Vek_buffer* buffer, Fmg_item& item, 
   // The names are judged by their counts; none is copied.
   Smtp_name_counts names;
   bool header = read_header_block(stream, fields, status, is_recognition_field, names, profile_->header_lines);
+  const uint64_t header_end = stream.tell();
 
   // A part of a MIME entity may start with no header at all: its content
   // type came from the entity around it.
@@ -174,8 +179,13 @@ Fmg_handler_base* Smtp_format_manager::open(Vek_buffer* buffer, Fmg_item& item, 
   item.set_property(ZOR_FORMAT_TYPE, u"Container");
   item.set_property(ZOR_FORMAT_SUBTYPE, u"SMTP");
   item.log(32, 2, name(), Vek_status());
+  Smtp_coverage_source* source = dynamic_cast<Smtp_coverage_source*>(handler.get());
+  // The header need not be read again: what recognition kept is all that
+  // opens an entity, unless fields are exported, which may be any.
+  if (source != nullptr && export_headers_.empty())
+    source->take_header(Smtp_header_reading{buffer, std::move(fields), header_end, names.whole_block_reads});
   handler->set_data(buffer, item, status);
-  if (report_unexamined_) publish_unexamined(*handler, item);
+  if (report_unexamined_) publish_unexamined(source, item);
   if (!status.ok()) {
     // A message that we recognised stays taken even if its handler cannot
     // open it: the host sees it with no sub-items.

@@ -155,9 +155,19 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   size_t transfer_encoding_count = 0;
   {
     std::vector<Smtp_header_field> fields;
+    bool block_reads = false;
+    if (handed_header_.buffer == buffer) {
+      // Recognition read this header already and kept what opens it.
+      fields = std::move(handed_header_.fields);
+      block_reads = handed_header_.block_reads;
+      stream.seek(handed_header_.end);
+    } else {
+      block_reads = read_header_block(stream, fields, status, nullptr, nullptr, profile_.header_lines);
+    }
+    handed_header_ = Smtp_header_reading();
     // A block that the reader refuses counts for nothing: the entity is
     // then taken as if it had no fields, its body where the reader stopped.
-    if (read_header_block(stream, fields, status, nullptr, nullptr, profile_.header_lines)) {
+    if (block_reads) {
       for (const Smtp_header_field& field : fields) {
         if (!status.ok()) break;
         if (is_message_ && is_exported_header(export_headers_, field.name))

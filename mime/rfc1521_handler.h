@@ -104,6 +104,9 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
   const std::string& new_content_type() const { return new_content_type_; }
   // Which bytes of the body reach the host, as the last set_data found.
   const Smtp_coverage& coverage() const override { return coverage_; }
+  // Keeps the header that recognition read of the buffer that the next
+  // set_data gets; set_data uses it once instead of reading the header.
+  void take_header(Smtp_header_reading&& header) override { handed_header_ = std::move(header); }
 
  protected:
   // Deletes the records; `data` stays the host's.
@@ -182,6 +185,8 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
   std::vector<std::pair<size_t, std::string>> nested_boundaries_;
   // Which bytes of the body reach the host.
   Smtp_coverage coverage_;
+  // The header read by recognition, until set_data takes it.
+  Smtp_header_reading handed_header_;
   // Where the header block that set_data read ends in `data` (in front of
   // its blank line); the writers read the header no further.
   uint64_t header_end_ = 0;
