@@ -183,7 +183,7 @@ Fmg_handler_base* Smtp_format_manager::open(Vek_buffer* buffer, Fmg_item& item, 
   // The header need not be read again: what recognition kept is all that
   // opens an entity, unless fields are exported, which may be any.
   if (source != nullptr && export_headers_.empty())
-    source->take_header(Smtp_header_reading{buffer, std::move(fields), header_end, names.whole_block_reads});
+    source->take_header(Smtp_header_reading{buffer, std::move(fields), header_end, header});
   handler->set_data(buffer, item, status);
   if (report_unexamined_) publish_unexamined(source, item);
   if (!status.ok()) {

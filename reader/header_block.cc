@@ -89,22 +89,13 @@ const Smtp_field_name smtp_delivery_field_names[] = {
 namespace {
 
 // The block reader; `note_name` is told the name of every field seen.
-// `reads_whole`, where not null, is told whether the reader that keeps
-// every field (no filter) takes the block: it drops the bad fields behind
-// the last good one where a run of them ends the block, and those then do
-// not count against it.
 template <typename Note_name>
 bool read_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek_status& status,
-                Smtp_field_filter field_filter, Note_name note_name, const Smtp_line_rules& rules,
-                bool* reads_whole) {
+                Smtp_field_filter field_filter, Note_name note_name, const Smtp_line_rules& rules) {
   status.clear();
   bool ordinary_seen = false;
   int bad_run = 0;
   int bad_total = 0;
-  // The bad fields since the last good one, and the count of bad fields as
-  // the reader that keeps every field has it.
-  int bad_since_good = 0;
-  int whole_bad_total = 0;
   int fields_seen = 0;
   size_t good_size = fields.size();
   const bool keep_bad = field_filter == nullptr || field_filter(smtp_bad_header_name);
@@ -142,8 +133,6 @@ bool read_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek
       if (keep_bad) append(name, field);
       ++bad_run;
       ++bad_total;
-      ++bad_since_good;
-      ++whole_bad_total;
     } else if (is_x_field(name) || is_x400_field(name)) {
       // Extensions prove nothing and break no run of bad fields, but they
       // belong to the header.
@@ -152,7 +141,6 @@ bool read_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek
         good_size = fields.size();
       }
       block_end = stream.tell();
-      bad_since_good = 0;
     } else if (is_time_line(name, field.line(0))) {
       // "12:34:56 ..." at the start of a line: a log or a body, not a field.
       if (keep_bad) {
@@ -162,8 +150,6 @@ bool read_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek
       }
       ++bad_run;
       ++bad_total;
-      ++bad_since_good;
-      ++whole_bad_total;
     } else {
       if (admitted(name)) {
         append(name, field);
@@ -171,7 +157,6 @@ bool read_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek
       }
       block_end = stream.tell();
       bad_run = 0;
-      bad_since_good = 0;
       ordinary_seen = true;
     }
     note_name(name);
@@ -183,16 +168,10 @@ bool read_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek
         fields.pop_back();
         --bad_total;
       }
-      whole_bad_total -= bad_since_good;
       break;
     }
   }
 
-  auto refused = [&status, fields_seen](int bad) {
-    return status.ok() && bad != 0 && fields_seen != 0 &&
-           static_cast<double>(bad) / fields_seen * 100.0 > smtp_max_bad_percent;
-  };
-  if (reads_whole != nullptr) *reads_whole = status != smtp_not_header_line && !refused(whole_bad_total) && ordinary_seen;
   if (status.ok() && bad_total != 0 && fields_seen != 0 &&
       static_cast<double>(bad_total) / fields_seen * 100.0 > smtp_max_bad_percent) {
     status = smtp_not_header_line;
@@ -210,18 +189,18 @@ bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fiel
                        Smtp_field_filter field_filter, std::vector<std::string>* field_names,
                        const Smtp_line_rules& rules) {
   if (field_names == nullptr)
-    return read_block(stream, fields, status, field_filter, [](std::string_view) {}, rules, nullptr);
+    return read_block(stream, fields, status, field_filter, [](std::string_view) {}, rules);
   // Room for a usual header, so that the list grows seldom.
   field_names->reserve(field_names->size() + 16);
   return read_block(
       stream, fields, status, field_filter, [field_names](std::string_view name) { field_names->emplace_back(name); },
-      rules, nullptr);
+      rules);
 }
 
 bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek_status& status,
                        Smtp_field_filter field_filter, Smtp_name_counts& counts, const Smtp_line_rules& rules) {
   return read_block(stream, fields, status, field_filter, [&counts](std::string_view name) { counts.add(name); },
-                    rules, &counts.whole_block_reads);
+                    rules);
 }
 
 namespace {

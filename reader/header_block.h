@@ -52,10 +52,6 @@ struct Smtp_name_counts {
   size_t fields = 0;    // every field seen, bad ones included
   size_t message = 0;   // names of smtp_message_field_names
   size_t delivery = 0;  // names of smtp_delivery_field_names
-  // Whether the reader that keeps every field (no filter) takes the block
-  // too: where a run of bad fields ends a block, it drops those behind the
-  // last good field, which then count for nothing.
-  bool whole_block_reads = false;
   // Counts one more field of this name.
   void add(std::string_view name);
 };
@@ -63,13 +59,21 @@ struct Smtp_name_counts {
 // A header block as recognition read it, handed to the handler it chose so
 // that the handler does not read it again: the fields that open an entity
 // (Content-Type, Content-Transfer-Encoding, Content-Disposition and those
-// that choose the handler), where the block ends, and whether a reader
-// that keeps every field takes it. The fields are the handler's to take.
+// that choose the handler), where the block ends, and whether the block
+// reads. The fields are the handler's to take.
+//
+// They are what the reader that keeps every field gives of those names: a
+// filter changes which fields are kept, never where the block ends, and
+// only bad fields are dropped where a run of them ends a block. Nor does
+// the decision differ where recognition took the block: recognition keeps
+// no bad field and so drops none, while the reader that keeps every field
+// drops such a trailing run and counts fewer bad fields against the block,
+// never more.
 struct Smtp_header_reading {
   const Vek_buffer* buffer = nullptr;  // the bytes read; null when nothing is handed
   std::vector<Smtp_header_field> fields;
-  uint64_t end = 0;            // the stream's position behind the block
-  bool block_reads = false;    // what read_header_block with no filter returns
+  uint64_t end = 0;          // the stream's position behind the block
+  bool block_reads = false;  // what read_header_block returned
 };
 
 // Reads a header block from the stream's position, appending the fields
