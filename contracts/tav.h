@@ -27,11 +27,12 @@ class Tav_property {
  public:
   enum Type : uint32_t { type_string = 0, type_integer = 1, type_bool = 2 };
 
-  Tav_property(Vek_wstring name, int32_t value);
-  Tav_property(Vek_wstring name, bool value);
-  Tav_property(Vek_wstring name, Vek_wstring value);
+  Tav_property(std::u16string_view name, int32_t value);
+  Tav_property(std::u16string_view name, bool value);
+  Tav_property(std::u16string_view name, Vek_wstring value);
 
-  const Vek_wstring& name() const { return name_; }
+  // The name as it was first given: one copy per name and process.
+  const Vek_wstring& name() const { return *name_; }
   // 0 for a string, 1 for an integer, 2 for a bool.
   uint32_t type() const { return type_; }
   // The value of a string property; empty for the other types.
@@ -43,7 +44,10 @@ class Tav_property {
   void set_string(Vek_wstring value);
 
  private:
-  Vek_wstring name_;
+  // Names are few (the host's and the plug-in's vocabulary) and every
+  // item carries a handful: each property points at the one interned copy
+  // of its name instead of owning one, which is never freed.
+  const Vek_wstring* name_;
   uint32_t type_;
   int32_t integer_ = 0;
   Vek_wstring string_;
@@ -59,7 +63,7 @@ class Tav_property_list {
   // null.
   Tav_property* find(std::u16string_view name) const;
   // Appends a string property.
-  void add(Vek_wstring name, Vek_wstring value);
+  void add(std::u16string_view name, Vek_wstring value);
   // Appends a copy of `property`.
   void add(const Tav_property& property);
   // Replaces the value of the property of that name, or appends it.

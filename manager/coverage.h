@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "contracts/vek.h"
+#include "reader/header_block.h"
 
 // The configuration property that asks for the measure, and the property
 // of an entity's item that carries it: "OFFSET+LENGTH" for each range of
@@ -95,10 +96,15 @@ inline std::vector<Smtp_range> parse_unexamined_text(std::string_view text) {
 
 // A handler that keeps a coverage of its body. Beside Fmg_handler_base, so
 // that the base's slots stay as the contract orders them; the manager finds
-// it by a cross cast.
+// it by a cross cast, once per entity, and hands it the header that
+// recognition read before set_data, if the handler takes one.
 class Smtp_coverage_source {
  public:
   virtual const Smtp_coverage& coverage() const = 0;
+  // Takes the header block of the buffer that the next set_data gets, read
+  // as Smtp_header_reading says, in place of reading it again. Handlers
+  // that read their header otherwise leave it.
+  virtual void take_header(Smtp_header_reading&&) {}
 
  protected:
   ~Smtp_coverage_source() = default;

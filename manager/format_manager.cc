@@ -12,12 +12,27 @@
 
 namespace {
 
-// The only fields that recognition keeps: those that choose the handler
-// and those that are published. All others are counted by name only.
+// The only fields that recognition keeps: those that choose the handler,
+// those that are published, and those that the MIME handler opens an
+// entity by, which it is handed. All others are counted by name only.
 bool is_recognition_field(std::string_view name) {
-  return vek_string_equal_nc(name, "MIME-Version") || vek_string_equal_nc(name, "Content-Type") ||
-         vek_string_equal_nc(name, "Encoding") || vek_string_equal_nc(name, "Subject") ||
-         vek_string_equal_nc(name, "Date");
+  // Every field of every item is asked: the length sorts out most names.
+  switch (name.size()) {
+    case 12:
+      return vek_string_equal_nc(name, "MIME-Version") || vek_string_equal_nc(name, "Content-Type");
+    case 8:
+      return vek_string_equal_nc(name, "Encoding");
+    case 7:
+      return vek_string_equal_nc(name, "Subject");
+    case 4:
+      return vek_string_equal_nc(name, "Date");
+    case 25:
+      return vek_string_equal_nc(name, "Content-Transfer-Encoding");
+    case 19:
+      return vek_string_equal_nc(name, "Content-Disposition");
+    default:
+      return false;
+  }
 }
 
 enum class Smtp_handler_kind { rfc1521, rfc1505, rfc822 };
@@ -25,8 +40,7 @@ enum class Smtp_handler_kind { rfc1521, rfc1505, rfc822 };
 // The text of the entity's body that no sub-item holds, as the handler
 // counted it; a handler that failed counts what it had reached, so a body
 // it never opened counts whole.
-void publish_unexamined(Fmg_handler_base& handler, Fmg_item& item) {
-  const auto* source = dynamic_cast<const Smtp_coverage_source*>(&handler);
+void publish_unexamined(const Smtp_coverage_source* source, Fmg_item& item) {
   if (source == nullptr || !source->coverage().started()) return;
   const std::vector<Smtp_range> ranges = source->coverage().unexamined();
   if (!ranges.empty()) item.set_property(smtp_unexamined, vek_stow(unexamined_text(ranges)));
@@ -74,15 +88,15 @@ Fmg_handler_base* Smtp_format_manager::open(Vek_buffer* buffer, Fmg_item& item, 
   if (!status.ok()) return nullptr;
 
   std::vector<Smtp_header_field> fields;
-  std::vector<std::string> field_names;
-  bool header = read_header_block(stream, fields, status, is_recognition_field, &field_names,
-                                  profile_->header_lines);
+  // The names are judged by their counts; none is copied.
+  Smtp_name_counts names;
+  bool header = read_header_block(stream, fields, status, is_recognition_field, names, profile_->header_lines);
+  const uint64_t header_end = stream.tell();
 
   // A part of a MIME entity may start with no header at all: its content
   // type came from the entity around it.
   bool enclosed = item.properties().find(ZOR_ENCLOSED_MIME_TYPE) != nullptr;
-  bool taken =
-      (header && status.ok() && looks_like_message_header(field_names)) || (field_names.empty() && enclosed);
+  bool taken = (header && status.ok() && looks_like_message_header(names)) || (names.fields == 0 && enclosed);
   if (!taken) return nullptr;
 
   bool is_message = true;
@@ -165,8 +179,13 @@ Fmg_handler_base* Smtp_format_manager::open(Vek_buffer* buffer, Fmg_item& item, 
   item.set_property(ZOR_FORMAT_TYPE, u"Container");
   item.set_property(ZOR_FORMAT_SUBTYPE, u"SMTP");
   item.log(32, 2, name(), Vek_status());
+  Smtp_coverage_source* source = dynamic_cast<Smtp_coverage_source*>(handler.get());
+  // The header need not be read again: what recognition kept is all that
+  // opens an entity, unless fields are exported, which may be any.
+  if (source != nullptr && export_headers_.empty())
+    source->take_header(Smtp_header_reading{buffer, std::move(fields), header_end, header});
   handler->set_data(buffer, item, status);
-  if (report_unexamined_) publish_unexamined(*handler, item);
+  if (report_unexamined_) publish_unexamined(source, item);
   if (!status.ok()) {
     // A message that we recognised stays taken even if its handler cannot
     // open it: the host sees it with no sub-items.

@@ -98,9 +98,9 @@ Smtp_refusal smtp_explain(const Vek_buffer& buffer, const Smtp_profile& profile)
   {
     Vek_buffered_istream stream(&buffer, true, status, vek_eol_lf);
     std::vector<Smtp_header_field> fields;
-    std::vector<std::string> names;
+    Smtp_name_counts names;
     const bool header =
-        read_header_block(stream, fields, status, [](std::string_view) { return false; }, &names, rules);
+        read_header_block(stream, fields, status, [](std::string_view) { return false; }, names, rules);
     if (header && status.ok() && looks_like_message_header(names)) return {};
   }
   if (bytes.empty()) return {true, "it is empty", {}, 0};

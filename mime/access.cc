@@ -98,45 +98,55 @@ bool may_hold_a_name(std::string_view value) {
 
 // The names in one field, as the parser reads it and as a split at ';'
 // reads it, which keeps an unquoted name with blanks, parentheses or
-// tspecials whole.
-void add_field_names(std::vector<Vek_wstring>& names, const std::string& value, bool content_type) {
+// tspecials whole. `parsed`, where not null, is what the parser made of
+// this very value already, so it is not parsed twice.
+void add_field_names(std::vector<Vek_wstring>& names, const std::string& value, bool content_type,
+                     const std::vector<Smtp_header_field>* parsed) {
   if (!may_hold_a_name(value)) return;
   const std::string_view attribute = content_type ? "name" : "filename";
-  std::string head, type, subtype;
+  std::string head;
   std::vector<Smtp_header_field> parameters;
-  Vek_status status;
-  if (content_type) {
-    std::string repaired = value;
-    repair_content_type(repaired);
-    parse_content_type(repaired, type, subtype, parameters, status);
-  } else {
-    parse_content_disposition(value, head, parameters, status);
+  if (parsed == nullptr) {
+    std::string type, subtype;
+    Vek_status status;
+    if (content_type) {
+      std::string repaired = value;
+      repair_content_type(repaired);
+      parse_content_type(repaired, type, subtype, parameters, status);
+    } else {
+      parse_content_disposition(value, head, parameters, status);
+    }
+    parsed = &parameters;
   }
   // A list cut short by a failure still holds what came before it.
-  add_parameter_names(names, parameters, attribute);
-  split_parameters(value, head, parameters);
-  add_parameter_names(names, parameters, attribute);
+  add_parameter_names(names, *parsed, attribute);
+  std::vector<Smtp_header_field> split;
+  split_parameters(value, head, split);
+  add_parameter_names(names, split, attribute);
 }
 
-// The names of the last field of a kind (the one this handler reads), then
-// of the first (the one Thunderbird and Python's email package read).
+// The names of the last field of a kind (the one this handler reads, and
+// parsed into `last_parsed` where not null), then of the first (the one
+// Thunderbird and Python's email package read).
 void add_fields_names(std::vector<Vek_wstring>& names, const std::vector<std::string>& values,
-                      bool content_type) {
+                      bool content_type, const std::vector<Smtp_header_field>* last_parsed) {
   if (values.empty()) return;
-  add_field_names(names, values.back(), content_type);
-  if (values.size() > 1) add_field_names(names, values.front(), content_type);
+  add_field_names(names, values.back(), content_type, last_parsed);
+  if (values.size() > 1) add_field_names(names, values.front(), content_type, nullptr);
 }
 
 }  // namespace
 
 void Smtp_rfc1521_handler::collect_file_names(const std::vector<std::string>& content_types,
                                               const std::vector<std::string>& dispositions,
+                                              const std::vector<Smtp_header_field>* type_parameters,
+                                              const std::vector<Smtp_header_field>* disposition_parameters,
                                               std::string_view block_name) {
   file_names_.clear();
   // Clients name an attachment by the disposition's "filename" before the
   // type's "name" (RFC 2183, section 2.3).
-  add_fields_names(file_names_, dispositions, false);
-  add_fields_names(file_names_, content_types, true);
+  add_fields_names(file_names_, dispositions, false, disposition_parameters);
+  add_fields_names(file_names_, content_types, true, type_parameters);
   Smtp_parameter_value block;
   block.bytes = block_name;
   add_name(file_names_, parameter_text(block));

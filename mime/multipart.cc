@@ -114,7 +114,8 @@ bool may_read_otherwise(const std::vector<std::string>& content_types) {
   return false;
 }
 
-std::vector<std::string> boundary_readings(const std::vector<std::string>& content_types) {
+std::vector<std::string> boundary_readings(const std::vector<std::string>& content_types,
+                                           const std::vector<Smtp_header_field>* last_parsed) {
   std::vector<std::string> readings;
   // The last field is the one this handler reads; Thunderbird and Python's
   // email package read the first.
@@ -122,13 +123,17 @@ std::vector<std::string> boundary_readings(const std::vector<std::string>& conte
   if (!content_types.empty()) fields.push_back(&content_types.back());
   if (content_types.size() > 1) fields.push_back(&content_types.front());
   for (const std::string* field : fields) {
-    std::string value = *field;
-    repair_content_type(value);
     std::string type, subtype, head;
     std::vector<Smtp_header_field> parameters;
-    Vek_status status;
-    parse_content_type(value, type, subtype, parameters, status);
-    add_parameter_readings(readings, parameters);
+    if (field == &content_types.back() && last_parsed != nullptr) {
+      add_parameter_readings(readings, *last_parsed);
+    } else {
+      std::string value = *field;
+      repair_content_type(value);
+      Vek_status status;
+      parse_content_type(value, type, subtype, parameters, status);
+      add_parameter_readings(readings, parameters);
+    }
     split_parameters(*field, head, parameters);
     add_parameter_readings(readings, parameters);
     add_raw_quoted_readings(readings, *field);
@@ -185,7 +190,7 @@ void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item,
   // Most fields can be read one way only; the others are read every way.
   std::vector<std::string> readings;
   if (profile_.every_boundary_reading && (boundary_parameter == nullptr || may_read_otherwise(content_types)))
-    readings = boundary_readings(content_types);
+    readings = boundary_readings(content_types, content_type_as_sent_ ? nullptr : &parameters_);
   if (boundary_parameter == nullptr) {
     // Without a boundary no part can be told; the body stays in `data`.
     item.log(33, 2, source_name_, Vek_status(smtp_multipart_without_boundary));

@@ -155,9 +155,19 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   size_t transfer_encoding_count = 0;
   {
     std::vector<Smtp_header_field> fields;
+    bool block_reads = false;
+    if (handed_header_.buffer == buffer) {
+      // Recognition read this header already and kept what opens it.
+      fields = std::move(handed_header_.fields);
+      block_reads = handed_header_.block_reads;
+      stream.seek(handed_header_.end);
+    } else {
+      block_reads = read_header_block(stream, fields, status, nullptr, nullptr, profile_.header_lines);
+    }
+    handed_header_ = Smtp_header_reading();
     // A block that the reader refuses counts for nothing: the entity is
     // then taken as if it had no fields, its body where the reader stopped.
-    if (read_header_block(stream, fields, status, nullptr, nullptr, profile_.header_lines)) {
+    if (block_reads) {
       for (const Smtp_header_field& field : fields) {
         if (!status.ok()) break;
         if (is_message_ && is_exported_header(export_headers_, field.name))
@@ -202,6 +212,8 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
 
   bool malformed = false;
   parse_content_type(content_type, mime_type_, mime_subtype_, parameters_, status);
+  // What the parser made of the last field serves the names as well.
+  const bool type_parsed = status.ok() && !content_types.empty();
   if (!status.ok()) {
     item.log(33, smtp_log_severity, source_name_, status);
     status.clear();
@@ -218,10 +230,12 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
 
   std::string disposition;
   std::vector<Smtp_header_field> disposition_parameters;
+  bool disposition_parsed = false;
   if (!disposition_text.empty()) {
     // A disposition that does not parse is a failure of the opening: the
     // manager then keeps the entity with no sub-items.
     parse_content_disposition(disposition_text, disposition, disposition_parameters, status);
+    disposition_parsed = status.ok() && !dispositions.empty();
     if (!status.ok()) {
       if (!profile_.bad_disposition_read_leniently) return;
       // Only what the field says is lost; the rest of the entity stands.
@@ -262,7 +276,8 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
     std::string block_name;
     if (profile_.transfer_encoding_by_first_word && is_uuencode(encoding_))
       block_name = first_block_name(data, stream.tell());
-    collect_file_names(content_types, dispositions, block_name);
+    collect_file_names(content_types, dispositions, type_parsed ? &parameters_ : nullptr,
+                       disposition_parsed ? &disposition_parameters : nullptr, block_name);
   }
 
   const bool is_body = vek_string_equal_nc(disposition, "attachment") ? false : is_message_;

@@ -104,6 +104,9 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
   const std::string& new_content_type() const { return new_content_type_; }
   // Which bytes of the body reach the host, as the last set_data found.
   const Smtp_coverage& coverage() const override { return coverage_; }
+  // Keeps the header that recognition read of the buffer that the next
+  // set_data gets; set_data uses it once instead of reading the header.
+  void take_header(Smtp_header_reading&& header) override { handed_header_ = std::move(header); }
 
  protected:
   // Deletes the records; `data` stays the host's.
@@ -119,8 +122,13 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
   bool is_padding_or_blank(uint64_t start, uint64_t end) const;
   // Access (access.cc).
   Vek_wstring charset_or(std::u16string_view fallback) const;
+  // The names of the content; the parameter lists, where not null, are
+  // what set_data parsed of the last field of each kind.
   void collect_file_names(const std::vector<std::string>& content_types,
-                          const std::vector<std::string>& dispositions, std::string_view block_name);
+                          const std::vector<std::string>& dispositions,
+                          const std::vector<Smtp_header_field>* type_parameters,
+                          const std::vector<Smtp_header_field>* disposition_parameters,
+                          std::string_view block_name);
   // Signed and encrypted entities (secure.cc).
   void classify_secure_entity(const std::vector<Smtp_header_field>& disposition_parameters,
                               Vek_status& status);
@@ -177,6 +185,8 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
   std::vector<std::pair<size_t, std::string>> nested_boundaries_;
   // Which bytes of the body reach the host.
   Smtp_coverage coverage_;
+  // The header read by recognition, until set_data takes it.
+  Smtp_header_reading handed_header_;
   // Where the header block that set_data read ends in `data` (in front of
   // its blank line); the writers read the header no further.
   uint64_t header_end_ = 0;
@@ -206,8 +216,10 @@ bool may_read_otherwise(const std::vector<std::string>& content_types);
 // entity with these "Content-Type" values: the first and the last
 // "boundary" of each field as parsed and as split at ';', its RFC 2231 and
 // RFC 2047 forms, and a quoted value with its backslashes kept; trimmed,
-// without repeats.
-std::vector<std::string> boundary_readings(const std::vector<std::string>& content_types);
+// without repeats. `last_parsed`, where not null, holds the parameters that
+// the last value (repaired) parses into, which are then not parsed again.
+std::vector<std::string> boundary_readings(const std::vector<std::string>& content_types,
+                                           const std::vector<Smtp_header_field>* last_parsed = nullptr);
 
 // The first parameter named `name` (any case), or null.
 const Smtp_header_field* find_parameter(const std::vector<Smtp_header_field>& parameters,

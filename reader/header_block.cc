@@ -86,9 +86,12 @@ const Smtp_field_name smtp_delivery_field_names[] = {
 #undef SMTP_NAME
 #undef SMTP_PREFIX
 
-bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek_status& status,
-                       Smtp_field_filter field_filter, std::vector<std::string>* field_names,
-                       const Smtp_line_rules& rules) {
+namespace {
+
+// The block reader; `note_name` is told the name of every field seen.
+template <typename Note_name>
+bool read_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek_status& status,
+                Smtp_field_filter field_filter, Note_name note_name, const Smtp_line_rules& rules) {
   status.clear();
   bool ordinary_seen = false;
   int bad_run = 0;
@@ -99,7 +102,6 @@ bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fiel
   uint64_t block_end = stream.tell();
   // Room for a usual header, so that the lists grow seldom.
   fields.reserve(fields.size() + 16);
-  if (field_names != nullptr) field_names->reserve(field_names->size() + 16);
 
   auto admitted = [field_filter](std::string_view name) {
     return field_filter == nullptr || field_filter(name);
@@ -157,7 +159,7 @@ bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fiel
       bad_run = 0;
       ordinary_seen = true;
     }
-    if (field_names != nullptr) field_names->emplace_back(name);
+    note_name(name);
     ++fields_seen;
     if (bad_run >= smtp_bad_fields_in_a_row) {
       // The header ended behind the last good field, without a blank line.
@@ -179,6 +181,77 @@ bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fiel
     return false;
   }
   return ordinary_seen;
+}
+
+}  // namespace
+
+bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek_status& status,
+                       Smtp_field_filter field_filter, std::vector<std::string>* field_names,
+                       const Smtp_line_rules& rules) {
+  if (field_names == nullptr)
+    return read_block(stream, fields, status, field_filter, [](std::string_view) {}, rules);
+  // Room for a usual header, so that the list grows seldom.
+  field_names->reserve(field_names->size() + 16);
+  return read_block(
+      stream, fields, status, field_filter, [field_names](std::string_view name) { field_names->emplace_back(name); },
+      rules);
+}
+
+bool read_header_block(Vek_istream& stream, std::vector<Smtp_header_field>& fields, Vek_status& status,
+                       Smtp_field_filter field_filter, Smtp_name_counts& counts, const Smtp_line_rules& rules) {
+  return read_block(stream, fields, status, field_filter, [&counts](std::string_view name) { counts.add(name); },
+                    rules);
+}
+
+namespace {
+
+inline char lower_ascii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+// The rows of a name table by the first byte of the name: a row can only
+// match a name that begins as it does, and the rows of one letter stand
+// together. Every name of a header is looked up twice, so recognition
+// looks at the few rows of its letter instead of walking the table.
+class Name_index {
+ public:
+  explicit Name_index(const Smtp_field_name* table) : table_(table) {
+    for (uint32_t row = 0; table[row].text != nullptr; ++row) {
+      const auto first = static_cast<unsigned char>(table[row].text[0]);
+      if (end_[first] == 0) begin_[first] = static_cast<uint8_t>(row);
+      end_[first] = static_cast<uint8_t>(row + 1);
+    }
+  }
+  // Whether `name`, in any case, matches a row: as find_field_name finds
+  // the lower-case name.
+  bool contains(std::string_view name) const {
+    if (name.empty()) return false;
+    const auto first = static_cast<unsigned char>(lower_ascii(name[0]));
+    for (uint32_t row = begin_[first]; row < end_[first]; ++row) {
+      const Smtp_field_name& entry = table_[row];
+      if (entry.is_prefix != 0 ? name.size() < entry.length : name.size() != entry.length) continue;
+      uint32_t i = 1;
+      while (i < entry.length && lower_ascii(name[i]) == entry.text[i]) ++i;
+      if (i == entry.length) return true;
+    }
+    return false;
+  }
+
+ private:
+  const Smtp_field_name* table_;
+  uint8_t begin_[256] = {};
+  uint8_t end_[256] = {};
+};
+
+}  // namespace
+
+void Smtp_name_counts::add(std::string_view name) {
+  static const Name_index delivery_names(smtp_delivery_field_names);
+  static const Name_index message_names(smtp_message_field_names);
+  ++fields;
+  if (delivery_names.contains(name)) {
+    ++delivery;
+  } else if (message_names.contains(name)) {
+    ++message;
+  }
 }
 
 bool skip_blank_line(Vek_istream& stream) {
@@ -212,20 +285,13 @@ bool is_time_line(std::string_view name, std::string_view first_line) {
 }
 
 bool looks_like_message_header(const std::vector<std::string>& field_names) {
-  if (field_names.empty()) return false;
-  size_t delivery = 0;
-  size_t message = 0;
-  std::string lower;
-  for (const std::string& name : field_names) {
-    lower = name;
-    vek_lower(lower);
-    if (find_field_name(smtp_delivery_field_names, lower)) {
-      ++delivery;
-    } else if (find_field_name(smtp_message_field_names, lower)) {
-      ++message;
-    }
-  }
-  return message != 0 && message > delivery && message > field_names.size() / 4;
+  Smtp_name_counts counts;
+  for (const std::string& name : field_names) counts.add(name);
+  return looks_like_message_header(counts);
+}
+
+bool looks_like_message_header(const Smtp_name_counts& counts) {
+  return counts.message != 0 && counts.message > counts.delivery && counts.message > counts.fields / 4;
 }
 
 bool find_field_name(const Smtp_field_name* table, std::string_view name) {

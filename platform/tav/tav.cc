@@ -1,16 +1,59 @@
 // Properties and type identifiers (stand-in of the host's property library).
 #include <cstdio>
 
+#include <functional>
+#include <mutex>
+#include <unordered_set>
+
 #include "contracts/tav.h"
 
-Tav_property::Tav_property(Vek_wstring name, int32_t value)
-    : name_(std::move(name)), type_(type_integer), integer_(value) {}
+namespace {
 
-Tav_property::Tav_property(Vek_wstring name, bool value)
-    : name_(std::move(name)), type_(type_bool), integer_(value ? 1 : 0) {}
+// The interned property names, shared by every thread: a set of strings,
+// whose elements never move, looked up by a view without a copy.
+struct Name_hash {
+  using is_transparent = void;
+  size_t operator()(std::u16string_view name) const { return std::hash<std::u16string_view>()(name); }
+};
+struct Name_equal {
+  using is_transparent = void;
+  bool operator()(std::u16string_view a, std::u16string_view b) const { return a == b; }
+};
 
-Tav_property::Tav_property(Vek_wstring name, Vek_wstring value)
-    : name_(std::move(name)), type_(type_string), string_(std::move(value)) {}
+const Vek_wstring* intern_shared(std::u16string_view name) {
+  static std::mutex lock;
+  static auto* names = new std::unordered_set<Vek_wstring, Name_hash, Name_equal>();
+  const std::lock_guard<std::mutex> guard(lock);
+  auto at = names->find(name);
+  if (at == names->end()) at = names->emplace(name).first;
+  return &*at;
+}
+
+// Names mostly come from a few constants, each at its own address: a small
+// cache per thread, by the address of the text, finds them again without
+// the lock and the hash. A hit is checked by content, since another text
+// may come to stand at that address.
+const Vek_wstring* intern(std::u16string_view name) {
+  constexpr size_t slots = 64;
+  thread_local const Vek_wstring* cache[slots] = {};
+  const size_t slot = (reinterpret_cast<uintptr_t>(name.data()) >> 3) % slots;
+  const Vek_wstring* cached = cache[slot];
+  if (cached != nullptr && std::u16string_view(*cached) == name) return cached;
+  cached = intern_shared(name);
+  cache[slot] = cached;
+  return cached;
+}
+
+}  // namespace
+
+Tav_property::Tav_property(std::u16string_view name, int32_t value)
+    : name_(intern(name)), type_(type_integer), integer_(value) {}
+
+Tav_property::Tav_property(std::u16string_view name, bool value)
+    : name_(intern(name)), type_(type_bool), integer_(value ? 1 : 0) {}
+
+Tav_property::Tav_property(std::u16string_view name, Vek_wstring value)
+    : name_(intern(name)), type_(type_string), string_(std::move(value)) {}
 
 void Tav_property::set_string(Vek_wstring value) {
   type_ = type_string;
@@ -19,9 +62,12 @@ void Tav_property::set_string(Vek_wstring value) {
 }
 
 Tav_property* Tav_property_list::find(std::u16string_view name) const {
-  for (const auto& property : items_)
-    if (property.name().size() == name.size() && vek_string_equal_nc(property.name(), name))
-      return const_cast<Tav_property*>(&property);
+  for (const auto& property : items_) {
+    const Vek_wstring& own = property.name();
+    // An interned name asked for by itself matches at once.
+    if (own.data() == name.data() && own.size() == name.size()) return const_cast<Tav_property*>(&property);
+    if (own.size() == name.size() && vek_string_equal_nc(own, name)) return const_cast<Tav_property*>(&property);
+  }
   return nullptr;
 }
 
@@ -31,9 +77,9 @@ void Tav_property_list::make_room() {
   if (items_.capacity() == 0) items_.reserve(4);
 }
 
-void Tav_property_list::add(Vek_wstring name, Vek_wstring value) {
+void Tav_property_list::add(std::u16string_view name, Vek_wstring value) {
   make_room();
-  items_.emplace_back(std::move(name), std::move(value));
+  items_.emplace_back(name, std::move(value));
 }
 
 void Tav_property_list::add(const Tav_property& property) {
@@ -54,7 +100,7 @@ void Tav_property_list::set(std::u16string_view name, std::u16string_view value)
     old->set_string(Vek_wstring(value));
     return;
   }
-  add(Vek_wstring(name), Vek_wstring(value));
+  add(name, Vek_wstring(value));
 }
 
 void tav_type_to_string(const Tav_guid& type, Vek_wstring& text) {
