@@ -402,9 +402,14 @@ void Smtp_rfc1521_handler::decode_base64_body(Vek_istream& stream, Fmg_item& ite
     if (!status.ok()) return;
     if (type == smtp_item_body) table_.body_index = index;
     coverage_.cover(start, reading.data_end);
-    // What follows the padding that ended the data, read as more Base64.
-    if (profile_.base64_past_padding && reading.data_end < size &&
-        !is_padding_or_blank(reading.data_end, size)) {
+    if (reading.data_end >= size) return;
+    if (is_padding_or_blank(reading.data_end, size)) {
+      // More "=" on the lines behind the padding ("Cg=" and then "=" is
+      // "Cg==" broken over two lines) decode to nothing in any reader: they
+      // are markup of the encoding, as the line breaks are, not hidden text.
+      coverage_.cover(reading.data_end, size);
+    } else if (profile_.base64_past_padding) {
+      // What follows the padding that ended the data, read as more Base64.
       add_extra_reading(reading.data_end, "base64");
       coverage_.cover(reading.data_end, size);
     }

@@ -95,6 +95,7 @@ TEST(Open, SingleBodies) {
     const char* enclosed;  // null for a message
     const char* outline;
     uint32_t status = 0;
+    const char* unexamined = nullptr;  // where given: the body text that no sub-item holds
   } cases[] = {
       {"no header", crlf("|Hello"), nullptr, "text/plain B n=0 cs=US-ASCII log= =Hello\r\n"},
       {"refused block hides its fields", crlf("Content-Type: image/gif|no colon||x"), nullptr,
@@ -113,6 +114,9 @@ TEST(Open, SingleBodies) {
        "image/gif B n=0 cs=- log= =GIF8"},
       {"bad base64", crlf("Content-Transfer-Encoding: base64||R0l*"), nullptr,
        "text/plain  n=0 cs=- log=33 ="},
+      // "Cg==" broken over two lines: the second "=" is padding, no text.
+      {"base64 padding on a line of its own", crlf("Content-Transfer-Encoding: base64||Cg=|="), nullptr,
+       "text/plain B n=0 cs=US-ASCII log= =\n", 0, ""},
       {"attachment on base64",
        crlf("Content-Transfer-Encoding: base64|Content-Disposition: ATTACHMENT||R0lG"), nullptr,
        "text/plain A n=1 cs=US-ASCII log= =GIF"},
@@ -134,6 +138,9 @@ TEST(Open, SingleBodies) {
     Opened opened(c.text, c.enclosed);
     EXPECT_EQ(opened.status.value(), c.status);
     EXPECT_EQ(outline(opened), c.outline);
+    if (c.unexamined != nullptr) {
+      EXPECT_EQ(unexamined_text(opened.handler->coverage().unexamined()), c.unexamined);
+    }
   }
 }
 
