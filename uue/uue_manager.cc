@@ -18,6 +18,22 @@ std::unique_ptr<Vek_buffer> buffer_of(std::string_view bytes) {
   return buffer;
 }
 
+// How far into an item a NUL byte marks it as binary data, as git and
+// grep judge a file: NUL never stands in text that a client shows, and a
+// client looks for uuencoded files only in text. Bounded so that refusing
+// a large binary item costs the same as refusing a small one.
+constexpr size_t binary_probe = 8000;
+
+// Whether `text` is binary: a NUL byte in its first `binary_probe` bytes
+// with no "begin" line in front of it (a block followed by binary bytes is
+// still a block a client decodes).
+bool is_binary(std::string_view text) {
+  const size_t nul = text.substr(0, binary_probe).find('\0');
+  if (nul == std::string_view::npos) return false;
+  const std::string_view head = text.substr(0, nul);
+  return !head.starts_with("begin ") && head.find("\nbegin ") == std::string_view::npos;
+}
+
 // The line end of the "begin" line, which a block written anew keeps.
 std::string_view line_end(std::string_view text, const Uue_block& block) {
   const size_t lf = text.find('\n', block.begin);
@@ -34,10 +50,13 @@ Fmg_handler_base* Uue_manager::open(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   if (charset != nullptr && charset->type() == Tav_property::type_string &&
       vek_string_equal_nc(charset->string_value(), u"UNICODE"))
     return nullptr;
-  if (find_uue_blocks(text_of(buffer)).empty()) return nullptr;
-  Fmg_handler_ptr handler(new Uue_handler);
-  handler->set_data(buffer, item, status);
-  if (!status.ok()) return nullptr;
+  const std::string_view text = text_of(buffer);
+  if (is_binary(text)) return nullptr;
+  std::vector<Uue_block> blocks = find_uue_blocks(text);
+  if (blocks.empty()) return nullptr;
+  auto* uue = new Uue_handler;
+  Fmg_handler_ptr handler(uue);
+  uue->cut(buffer, blocks);
   item.set_property(ZOR_FORMAT_TYPE, u"Container");
   item.set_property(ZOR_FORMAT_SUBTYPE, u"UUE");
   item.log(32, 2, name(), Vek_status());
@@ -46,6 +65,10 @@ Fmg_handler_base* Uue_manager::open(Vek_buffer* buffer, Fmg_item& item, Vek_stat
 
 void Uue_handler::set_data(Vek_buffer* buffer, Fmg_item&, Vek_status& status) {
   status.clear();
+  cut(buffer, find_uue_blocks(text_of(buffer)));
+}
+
+void Uue_handler::cut(Vek_buffer* buffer, const std::vector<Uue_block>& blocks) {
   data = buffer;
   records_.clear();
   const std::string_view text = text_of(buffer);
@@ -56,7 +79,7 @@ void Uue_handler::set_data(Vek_buffer* buffer, Fmg_item&, Vek_status& status) {
     record.buffer = std::make_unique<Vek_sub_buffer>(buffer, at, end);
     records_.push_back(std::move(record));
   };
-  for (const Uue_block& block : find_uue_blocks(text)) {
+  for (const Uue_block& block : blocks) {
     add_text(block.begin);
     Record record;
     record.block = true;

@@ -22,7 +22,7 @@ class Uue_manager : public Fmg_manager_base {
  public:
   explicit Uue_manager(Plg_element* element) : Fmg_manager_base(element) {}
   // Takes an item that holds at least one block; null otherwise, with a
-  // good status.
+  // good status. Binary data (a NUL byte early in the item) holds none.
   Fmg_handler_base* open(Vek_buffer* buffer, Fmg_item& item, Vek_status& status) override;
 
  protected:
@@ -58,6 +58,9 @@ class Uue_handler : public Fmg_handler_base {
   ~Uue_handler() override = default;
 
  private:
+  friend class Uue_manager;
+  // Cuts `buffer`'s text at `blocks`, which find_uue_blocks found in it.
+  void cut(Vek_buffer* buffer, const std::vector<Uue_block>& blocks);
   Record& at(uint32_t position, const char* call);
   std::vector<Record> records_;
 };

@@ -54,6 +54,7 @@ TEST(UueBlocks, FoundWhereClientsFindThem) {
       {"cut short", "begin 644 c.zip\n#86)C\n", {"!c.zip"}},
       {"a begin line in prose", "begin 644 is how a block starts\nthen some words\n", {}},
       {"not at a line start", " begin 644 x\n#86)C\nend\n", {}},
+      {"inside a line, then at a start", "say begin 644 x\nbegin 644 y\n#86)C\nend\n", {"y"}},
       {"two-digit mode", "begin 64 x\n#86)C\nend\n", {}},
       {"blank line ends the data", "begin 644 d\n#86)C\n\nend\n", {"d"}},
   };
@@ -95,6 +96,28 @@ TEST(UueManager, OpensBlocksAndWritesThemBack) {
   const std::string want_rest = uuencode_block("644", "one.gif", "GIF89a-1", "\r\n") + "and\r\n" +
                                 uuencode_block("600", "two.gif.txt", "removed\r\n", "\r\n") + "bye\r\n";
   EXPECT_EQ(out, "From: a@example.org\r\nSubject: pictures\r\n\r\nHere:\r\n" + want_rest);
+}
+
+// A client looks for uuencoded files in text only; an item that starts as
+// binary data is refused at once, however large, unless a block stands in
+// front of its first NUL byte.
+TEST(UueManager, BinaryItemsHoldNoBlocks) {
+  const Test_plugins plugins(std::string(SMTPFM_BIN_DIR) + "/smtp.so", Host_options{});
+  const std::string block = uuencode_block("644", "a.exe", "MZ", "\n");
+  const struct {
+    const char* name;
+    std::string text;
+    bool taken;
+  } cases[] = {
+      {"text", "notes\n" + block, true},
+      {"NUL in front", std::string("\x7f" "ELF\0\0\n", 7) + block, false},
+      {"NUL behind the block", block + std::string("\0", 1), true},
+      {"NUL past the probe", std::string(9000, 'x') + std::string("\0\n", 2) + block, true},
+  };
+  for (const auto& c : cases) {
+    const auto tree = plugins.open(c.text);
+    EXPECT_EQ(tree->root().taken(), c.taken) << c.name;
+  }
 }
 
 }  // namespace

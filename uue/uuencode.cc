@@ -56,12 +56,25 @@ bool is_end_of_data(std::string_view line) {
   return line == "`" || line.empty() || line == " ";
 }
 
+// The start of the first line at or behind the line start `at` that starts
+// with "begin ", or npos. Only such a line opens a block, so a substring
+// search steps over the text between them instead of reading every line.
+size_t next_begin_line(std::string_view text, size_t line) {
+  for (size_t from = line;;) {
+    const size_t hit = text.find("begin ", from);
+    if (hit == std::string_view::npos || hit == line || text[hit - 1] == '\n') return hit;
+    from = hit + 1;
+  }
+}
+
 }  // namespace
 
 std::vector<Uue_block> find_uue_blocks(std::string_view text) {
   std::vector<Uue_block> blocks;
   size_t next = 0;
   for (size_t at = 0; at < text.size(); at = next) {
+    at = next_begin_line(text, at);
+    if (at == std::string_view::npos) break;
     Uue_block block;
     if (!read_begin_line(line_at(text, at, next), block)) continue;
     block.begin = at;
