@@ -13,6 +13,7 @@
 
 #include "contracts/zor.h"
 #include "manager/coverage.h"
+#include "platform/fmg/block_pool.h"
 #include "platform/vek/registry.h"
 
 const char16_t smtp_element_name[] = u"Larkspire SMTP Message";
@@ -254,6 +255,23 @@ bool Host_plugins::create_managers(const Host_options& options, Format_managers&
   return true;
 }
 
+namespace {
+
+using Node_pool = Block_pool<sizeof(Item_node), alignof(Item_node)>;
+
+}  // namespace
+
+void* Item_node::operator new(size_t size) {
+  return size == sizeof(Item_node) ? Node_pool::take() : ::operator new(size);
+}
+
+void Item_node::operator delete(void* block, size_t size) noexcept {
+  if (size == sizeof(Item_node))
+    Node_pool::give(block);
+  else
+    ::operator delete(block);
+}
+
 std::string_view Item_node::bytes() const {
   if (buffer == nullptr || buffer->size() == 0) return {};
   return std::string_view(reinterpret_cast<const char*>(buffer->data()), buffer->size());
@@ -372,9 +390,8 @@ bool Message_tree::offer(Item_node& node) {
   }
   if (node.parent != nullptr) {
     // A part that holds a message is offered to the manager as a message.
-    Vek_wstring type = node.item->string_property(ZOR_MIME_TYPE);
-    Vek_wstring subtype = node.item->string_property(ZOR_MIME_SUBTYPE);
-    if (vek_string_equal_nc(type, u"message") && vek_string_equal_nc(subtype, u"rfc822"))
+    if (vek_string_equal_nc(node.item->string_view_property(ZOR_MIME_TYPE), u"message") &&
+        vek_string_equal_nc(node.item->string_view_property(ZOR_MIME_SUBTYPE), u"rfc822"))
       node.item->add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
   }
   if (node.buffer == nullptr) return false;
@@ -395,8 +412,9 @@ bool Message_tree::offer(Item_node& node) {
     node.open_status = status.value();
     node.manager = manager;
     // A policy names the formats the host lets its managers open.
+    if (options_.policy.empty()) break;
     const Vek_wstring format = node.item->string_property(ZOR_FORMAT_SUBTYPE);
-    if (!options_.policy.empty() && !manager->accept(format)) {
+    if (!manager->accept(format)) {
       node.handler->release();
       node.handler = nullptr;
       node.manager = nullptr;

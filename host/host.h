@@ -139,6 +139,11 @@ struct Item_node {
   std::string failure;  // an exception that a plug-in call threw
   std::vector<std::unique_ptr<Item_node>> children;
 
+  // Nodes come from a pool: a walk makes one for every item and frees them
+  // all together (see platform/fmg/block_pool.h).
+  static void* operator new(size_t size);
+  static void operator delete(void* block, size_t size) noexcept;
+
   bool taken() const { return handler != nullptr; }
   bool is_leaf() const { return handler == nullptr || children.empty(); }
   // The item's bytes; empty when it has no buffer.

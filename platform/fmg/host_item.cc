@@ -1,5 +1,23 @@
 #include "platform/fmg/host_item.h"
 
+#include "platform/fmg/block_pool.h"
+
+namespace {
+
+using Item_pool = Block_pool<sizeof(Fmg_host_item), alignof(Fmg_host_item)>;
+
+}  // namespace
+
+void* Fmg_host_item::operator new(size_t size) {
+  return size == sizeof(Fmg_host_item) ? Item_pool::take() : ::operator new(size);
+}
+
+void Fmg_host_item::operator delete(void* block, size_t size) noexcept {
+  if (size == sizeof(Fmg_host_item))
+    Item_pool::give(block);
+  else
+    ::operator delete(block);
+}
 
 Fmg_host_item::Fmg_host_item(Fmg_host_item* parent) : parent_(parent), top_(parent ? parent->top_ : this) {}
 
@@ -19,9 +37,13 @@ void Fmg_host_item::report_property(uint32_t code, const Vek_status& status, con
 }
 
 Vek_wstring Fmg_host_item::string_property(std::u16string_view name) const {
+  return Vek_wstring(string_view_property(name));
+}
+
+std::u16string_view Fmg_host_item::string_view_property(std::u16string_view name) const {
   const Tav_property* property = properties_.find(name);
-  return property != nullptr && property->type() == Tav_property::type_string ? property->string_value()
-                                                                               : Vek_wstring();
+  if (property == nullptr || property->type() != Tav_property::type_string) return {};
+  return property->string_value();
 }
 
 bool Fmg_host_item::has_log(uint32_t code) const {
