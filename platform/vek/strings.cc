@@ -94,7 +94,13 @@ void vek_upper(Vek_wstring& text) {
 }
 
 void vek_lower(std::string& text) {
-  for (auto& c : text) c = lower_ascii(c);
+  // Every content type and encoding name is lowered: a word at a time.
+  size_t i = 0;
+  for (; i + sizeof(uint64_t) <= text.size(); i += sizeof(uint64_t)) {
+    const uint64_t word = lower_word(load_word(text.data() + i));
+    std::memcpy(text.data() + i, &word, sizeof word);
+  }
+  for (; i < text.size(); ++i) text[i] = lower_ascii(text[i]);
 }
 
 void vek_trim(std::string& text) {

@@ -30,4 +30,13 @@ TEST(Strings, EqualNoCaseEveryBytePair) {
   EXPECT_FALSE(vek_string_equal_nc("Content-Type", "Content-Typ"));
 }
 
+TEST(Strings, LowerFoldsOnlyAsciiLetters) {
+  std::string all;
+  for (unsigned c = 0; c < 256; ++c) all.push_back(static_cast<char>(c));
+  std::string lowered = all;
+  vek_lower(lowered);
+  for (unsigned c = 0; c < 256; ++c)
+    ASSERT_EQ(static_cast<unsigned char>(lowered[c]), c >= 'A' && c <= 'Z' ? c + 32 : c) << c;
+}
+
 }  // namespace
