@@ -116,19 +116,6 @@ bool begins_as_mail(std::string_view bytes) {
   return true;
 }
 
-// Pre-order list of a subtree, parents before children.
-std::vector<Item_node*> preorder(Item_node& top) {
-  std::vector<Item_node*> order;
-  std::vector<Item_node*> stack{&top};
-  while (!stack.empty()) {
-    Item_node* node = stack.back();
-    stack.pop_back();
-    order.push_back(node);
-    for (auto it = node->children.rbegin(); it != node->children.rend(); ++it) stack.push_back(it->get());
-  }
-  return order;
-}
-
 }  // namespace
 
 bool registered_module(std::string& path) {
@@ -457,7 +444,7 @@ void Message_tree::open_items(Item_node& node) {
 }
 
 void Message_tree::release_subtree(Item_node& node) {
-  std::vector<Item_node*> order = preorder(node);
+  std::vector<Item_node*> order = walk_order(node);
   // Children first: a child's handler reads a buffer that its parent's
   // handler owns.
   for (auto it = order.rbegin(); it != order.rend(); ++it) {
@@ -490,8 +477,16 @@ Item_node* Message_tree::find(const std::string& path) {
   return node;
 }
 
-void Message_tree::for_each(const std::function<void(Item_node&)>& visit) {
-  for (Item_node* node : preorder(*root_)) visit(*node);
+std::vector<Item_node*> Message_tree::walk_order(Item_node& top) {
+  std::vector<Item_node*> order;
+  std::vector<Item_node*> stack{&top};
+  while (!stack.empty()) {
+    Item_node* node = stack.back();
+    stack.pop_back();
+    order.push_back(node);
+    for (auto it = node->children.rbegin(); it != node->children.rend(); ++it) stack.push_back(it->get());
+  }
+  return order;
 }
 
 bool Message_tree::can_replace(const Item_node& node, std::string& error) {
@@ -627,7 +622,7 @@ Refusal Message_tree::refusal(const Item_node& node) const {
 
 bool Message_tree::changed() {
   if (message_replaced_) return true;
-  for (Item_node* node : preorder(*root_)) {
+  for (Item_node* node : walk_order(*root_)) {
     Vek_status status;
     try {
       if (node->handler != nullptr && node->handler->is_modified(*node->item, status)) return true;
@@ -639,7 +634,7 @@ bool Message_tree::changed() {
 }
 
 bool Message_tree::rebuild(std::string& out, std::string& error) {
-  std::vector<Item_node*> order = preorder(*root_);
+  std::vector<Item_node*> order = walk_order(*root_);
   for (auto it = order.rbegin(); it != order.rend(); ++it) {
     Item_node& node = **it;
     if (node.handler == nullptr) continue;

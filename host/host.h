@@ -181,8 +181,12 @@ class Message_tree {
   const Host_options& options() const { return options_; }
   // The node of a path such as "1.0", or null.
   Item_node* find(const std::string& path);
-  // Every node in walk order (parents before children).
-  void for_each(const std::function<void(Item_node&)>& visit);
+  // Every node in walk order (parents before children), as the tree stood
+  // when the walk began.
+  template <class Visit>
+  void for_each(Visit&& visit) {
+    for (Item_node* node : walk_order(*root_)) visit(*node);
+  }
 
   // Whether `node` may be replaced: its parent takes a new item there, and
   // every level above takes the rebuilt entity below it in turn.
@@ -223,6 +227,8 @@ class Message_tree {
   // Lists the items of a node that a manager took.
   void open_items(Item_node& node);
   void release_subtree(Item_node& node);
+  // The nodes of a subtree in walk order, parents before children.
+  static std::vector<Item_node*> walk_order(Item_node& top);
 
   std::vector<Fmg_manager_base*> managers_;
   Refusal_explainer explain_ = nullptr;
