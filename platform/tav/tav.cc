@@ -81,10 +81,15 @@ Tav_property* Tav_property_list::find(std::u16string_view name) const {
   return nullptr;
 }
 
-// Room for a few properties at first: an item gets from four to a dozen,
-// and a walk over a million parts holds a million lists.
+// Room for the properties most items get at first: a part and its body get
+// from four to six (types, the item type, a charset or a name), few get
+// more, and a walk over a million parts holds a million lists. Room for
+// four would be moved once on half the items of a multipart; room for six
+// takes no more memory than that move leaves behind.
+constexpr size_t first_room = 6;
+
 void Tav_property_list::make_room() {
-  if (items_.capacity() == 0) items_.reserve(4);
+  if (items_.capacity() == 0) items_.reserve(first_room);
 }
 
 void Tav_property_list::add(std::u16string_view name, Vek_wstring value) {
