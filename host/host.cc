@@ -242,22 +242,9 @@ bool Host_plugins::create_managers(const Host_options& options, Format_managers&
   return true;
 }
 
-namespace {
+void* Item_node::operator new(size_t size) { return pooled_new<Item_node>(size); }
 
-using Node_pool = Block_pool<sizeof(Item_node), alignof(Item_node)>;
-
-}  // namespace
-
-void* Item_node::operator new(size_t size) {
-  return size == sizeof(Item_node) ? Node_pool::take() : ::operator new(size);
-}
-
-void Item_node::operator delete(void* block, size_t size) noexcept {
-  if (size == sizeof(Item_node))
-    Node_pool::give(block);
-  else
-    ::operator delete(block);
-}
+void Item_node::operator delete(void* block, size_t size) noexcept { pooled_delete<Item_node>(block, size); }
 
 std::string_view Item_node::bytes() const {
   if (buffer == nullptr || buffer->size() == 0) return {};

@@ -72,4 +72,20 @@ class Block_pool {
   }
 };
 
+// The class-specific allocation of a pooled type: blocks of T's own size
+// come from its pool, any other size (a class derived from T) from the
+// general allocator.
+template <class T>
+void* pooled_new(size_t size) {
+  return size == sizeof(T) ? Block_pool<sizeof(T), alignof(T)>::take() : ::operator new(size);
+}
+
+template <class T>
+void pooled_delete(void* block, size_t size) noexcept {
+  if (size == sizeof(T))
+    Block_pool<sizeof(T), alignof(T)>::give(block);
+  else
+    ::operator delete(block);
+}
+
 #endif  // SMTPFM_PLATFORM_FMG_BLOCK_POOL_H_

@@ -2,21 +2,10 @@
 
 #include "platform/fmg/block_pool.h"
 
-namespace {
-
-using Item_pool = Block_pool<sizeof(Fmg_host_item), alignof(Fmg_host_item)>;
-
-}  // namespace
-
-void* Fmg_host_item::operator new(size_t size) {
-  return size == sizeof(Fmg_host_item) ? Item_pool::take() : ::operator new(size);
-}
+void* Fmg_host_item::operator new(size_t size) { return pooled_new<Fmg_host_item>(size); }
 
 void Fmg_host_item::operator delete(void* block, size_t size) noexcept {
-  if (size == sizeof(Fmg_host_item))
-    Item_pool::give(block);
-  else
-    ::operator delete(block);
+  pooled_delete<Fmg_host_item>(block, size);
 }
 
 Fmg_host_item::Fmg_host_item(Fmg_host_item* parent) : parent_(parent), top_(parent ? parent->top_ : this) {}
