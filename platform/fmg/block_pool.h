@@ -6,8 +6,9 @@
 // together, merges back one by one. A pool keeps freed blocks on a list per
 // thread and hands them out again; the blocks are carved from chunks that
 // live as long as the process, so a block freed on another thread than the
-// one that made it is simply kept by that thread. The pool owns the chunks;
-// whoever takes a block owns it until giving it back.
+// one that made it is simply kept by that thread, and a thread that ends
+// hands its blocks on. The pool owns the chunks; whoever takes a block owns
+// it until giving it back.
 //
 // Under AddressSanitizer every block comes from the general allocator, so
 // that a node used after it was freed is still reported.
@@ -15,6 +16,7 @@
 #define SMTPFM_PLATFORM_FMG_BLOCK_POOL_H_
 
 #include <cstddef>
+#include <mutex>
 #include <new>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -62,11 +64,44 @@ class Block_pool {
   // parts, and a small message costs one chunk.
   static constexpr size_t chunk_blocks = 32;
 
+  // A thread's free blocks. When the thread ends they go to the shared
+  // list, from which any thread refills before carving a chunk: a mail
+  // server that serves each connection on a thread of its own keeps what
+  // its busiest threads held at once, not what every thread ever held.
+  struct Local {
+    Free* head = nullptr;
+    ~Local() {
+      if (head == nullptr) return;
+      Free* tail = head;
+      while (tail->next != nullptr) tail = tail->next;
+      const std::lock_guard<std::mutex> guard(shared().lock);
+      tail->next = shared().head;
+      shared().head = head;
+      // A block given back later in the thread's end stays here, unused.
+      head = nullptr;
+    }
+  };
+  struct Shared {
+    std::mutex lock;
+    Free* head = nullptr;
+  };
+
+  static Shared& shared() {
+    // Never destroyed: threads may end after the program's statics.
+    static Shared* list = new Shared;
+    return *list;
+  }
   static Free*& free_list() {
-    thread_local Free* head = nullptr;
-    return head;
+    thread_local Local local;
+    return local.head;
   }
   static void refill(Free*& head) {
+    {
+      const std::lock_guard<std::mutex> guard(shared().lock);
+      head = shared().head;
+      shared().head = nullptr;
+    }
+    if (head != nullptr) return;
     auto* chunk = static_cast<char*>(::operator new(block_size * chunk_blocks, std::align_val_t{Align}));
     for (size_t i = chunk_blocks; i-- > 0;) head = new (chunk + i * block_size) Free{head};
   }
