@@ -13,6 +13,7 @@
 
 #include "contracts/zor.h"
 #include "manager/coverage.h"
+#include "platform/fmg/block_pool.h"
 #include "platform/vek/registry.h"
 
 const char16_t smtp_element_name[] = u"Larkspire SMTP Message";
@@ -113,19 +114,6 @@ bool begins_as_mail(std::string_view bytes) {
   for (size_t i = 0; i < colon; ++i)
     if (head[i] <= ' ' || head[i] > '~') return false;
   return true;
-}
-
-// Pre-order list of a subtree, parents before children.
-std::vector<Item_node*> preorder(Item_node& top) {
-  std::vector<Item_node*> order;
-  std::vector<Item_node*> stack{&top};
-  while (!stack.empty()) {
-    Item_node* node = stack.back();
-    stack.pop_back();
-    order.push_back(node);
-    for (auto it = node->children.rbegin(); it != node->children.rend(); ++it) stack.push_back(it->get());
-  }
-  return order;
 }
 
 }  // namespace
@@ -254,6 +242,10 @@ bool Host_plugins::create_managers(const Host_options& options, Format_managers&
   return true;
 }
 
+void* Item_node::operator new(size_t size) { return pooled_new<Item_node>(size); }
+
+void Item_node::operator delete(void* block, size_t size) noexcept { pooled_delete<Item_node>(block, size); }
+
 std::string_view Item_node::bytes() const {
   if (buffer == nullptr || buffer->size() == 0) return {};
   return std::string_view(reinterpret_cast<const char*>(buffer->data()), buffer->size());
@@ -372,9 +364,8 @@ bool Message_tree::offer(Item_node& node) {
   }
   if (node.parent != nullptr) {
     // A part that holds a message is offered to the manager as a message.
-    Vek_wstring type = node.item->string_property(ZOR_MIME_TYPE);
-    Vek_wstring subtype = node.item->string_property(ZOR_MIME_SUBTYPE);
-    if (vek_string_equal_nc(type, u"message") && vek_string_equal_nc(subtype, u"rfc822"))
+    if (vek_string_equal_nc(node.item->string_view_property(ZOR_MIME_TYPE), u"message") &&
+        vek_string_equal_nc(node.item->string_view_property(ZOR_MIME_SUBTYPE), u"rfc822"))
       node.item->add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
   }
   if (node.buffer == nullptr) return false;
@@ -395,8 +386,9 @@ bool Message_tree::offer(Item_node& node) {
     node.open_status = status.value();
     node.manager = manager;
     // A policy names the formats the host lets its managers open.
+    if (options_.policy.empty()) break;
     const Vek_wstring format = node.item->string_property(ZOR_FORMAT_SUBTYPE);
-    if (!options_.policy.empty() && !manager->accept(format)) {
+    if (!manager->accept(format)) {
       node.handler->release();
       node.handler = nullptr;
       node.manager = nullptr;
@@ -439,7 +431,7 @@ void Message_tree::open_items(Item_node& node) {
 }
 
 void Message_tree::release_subtree(Item_node& node) {
-  std::vector<Item_node*> order = preorder(node);
+  std::vector<Item_node*> order = walk_order(node);
   // Children first: a child's handler reads a buffer that its parent's
   // handler owns.
   for (auto it = order.rbegin(); it != order.rend(); ++it) {
@@ -472,8 +464,16 @@ Item_node* Message_tree::find(const std::string& path) {
   return node;
 }
 
-void Message_tree::for_each(const std::function<void(Item_node&)>& visit) {
-  for (Item_node* node : preorder(*root_)) visit(*node);
+std::vector<Item_node*> Message_tree::walk_order(Item_node& top) {
+  std::vector<Item_node*> order;
+  std::vector<Item_node*> stack{&top};
+  while (!stack.empty()) {
+    Item_node* node = stack.back();
+    stack.pop_back();
+    order.push_back(node);
+    for (auto it = node->children.rbegin(); it != node->children.rend(); ++it) stack.push_back(it->get());
+  }
+  return order;
 }
 
 bool Message_tree::can_replace(const Item_node& node, std::string& error) {
@@ -609,7 +609,7 @@ Refusal Message_tree::refusal(const Item_node& node) const {
 
 bool Message_tree::changed() {
   if (message_replaced_) return true;
-  for (Item_node* node : preorder(*root_)) {
+  for (Item_node* node : walk_order(*root_)) {
     Vek_status status;
     try {
       if (node->handler != nullptr && node->handler->is_modified(*node->item, status)) return true;
@@ -621,7 +621,7 @@ bool Message_tree::changed() {
 }
 
 bool Message_tree::rebuild(std::string& out, std::string& error) {
-  std::vector<Item_node*> order = preorder(*root_);
+  std::vector<Item_node*> order = walk_order(*root_);
   for (auto it = order.rbegin(); it != order.rend(); ++it) {
     Item_node& node = **it;
     if (node.handler == nullptr) continue;

@@ -139,6 +139,11 @@ struct Item_node {
   std::string failure;  // an exception that a plug-in call threw
   std::vector<std::unique_ptr<Item_node>> children;
 
+  // Nodes come from a pool: a walk makes one for every item and frees them
+  // all together (see platform/fmg/block_pool.h).
+  static void* operator new(size_t size);
+  static void operator delete(void* block, size_t size) noexcept;
+
   bool taken() const { return handler != nullptr; }
   bool is_leaf() const { return handler == nullptr || children.empty(); }
   // The item's bytes; empty when it has no buffer.
@@ -176,8 +181,12 @@ class Message_tree {
   const Host_options& options() const { return options_; }
   // The node of a path such as "1.0", or null.
   Item_node* find(const std::string& path);
-  // Every node in walk order (parents before children).
-  void for_each(const std::function<void(Item_node&)>& visit);
+  // Every node in walk order (parents before children), as the tree stood
+  // when the walk began.
+  template <class Visit>
+  void for_each(Visit&& visit) {
+    for (Item_node* node : walk_order(*root_)) visit(*node);
+  }
 
   // Whether `node` may be replaced: its parent takes a new item there, and
   // every level above takes the rebuilt entity below it in turn.
@@ -218,6 +227,8 @@ class Message_tree {
   // Lists the items of a node that a manager took.
   void open_items(Item_node& node);
   void release_subtree(Item_node& node);
+  // The nodes of a subtree in walk order, parents before children.
+  static std::vector<Item_node*> walk_order(Item_node& top);
 
   std::vector<Fmg_manager_base*> managers_;
   Refusal_explainer explain_ = nullptr;

@@ -12,6 +12,20 @@ constexpr uint32_t smtp_count_line_limit = 2048;
 // Bytes moved per read and write when copying.
 constexpr size_t smtp_copy_block = 16384;
 
+// Where the first encoded block of a text begins, read from the stream's
+// position on; false when it holds none.
+bool first_block_begin(Vek_istream& stream, bool pass_long_lines, uint64_t& begin) {
+  Smtp_block_scanner scanner(pass_long_lines);
+  if (!scanner.scan(stream)) return false;
+  while (auto block = scanner.next_block()) {
+    if (block->encoded) {
+      begin = block->begin_position;
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 Smtp_item_record::Smtp_item_record(uint32_t type, std::string mime_type, std::string mime_subtype,
@@ -80,24 +94,15 @@ uint32_t add_body(Vek_status& status, Smtp_item_list& items, std::vector<uint32_
                   const std::string& mime_subtype, const std::string& encoding, uint32_t type,
                   bool pass_long_lines) {
   uint32_t result = 0;
-  Smtp_block_scanner scanner(pass_long_lines);
   Vek_buffered_istream stream(buffer.get(), true, status, vek_eol_crlf);
   if (!status.ok()) return result;
 
   // Only text can hide a block; an attachment that is a uuencoded file is
-  // already an item of its own.
-  bool cut_found = false;
+  // already an item of its own, and needs no scanner (which allocates).
   uint64_t cut = 0;
-  if ((type == smtp_item_body || type == smtp_item_added_body) && vek_string_equal_nc(mime_type, "text") &&
-      scanner.scan(stream)) {
-    while (auto block = scanner.next_block()) {
-      if (block->encoded) {
-        cut = block->begin_position;
-        cut_found = true;
-        break;
-      }
-    }
-  }
+  const bool cut_found = (type == smtp_item_body || type == smtp_item_added_body) &&
+                         vek_string_equal_nc(mime_type, "text") &&
+                         first_block_begin(stream, pass_long_lines, cut);
 
   if (cut_found) {
     // The text in front of the block stays the body; the block and all

@@ -1,5 +1,12 @@
 #include "platform/fmg/host_item.h"
 
+#include "platform/fmg/block_pool.h"
+
+void* Fmg_host_item::operator new(size_t size) { return pooled_new<Fmg_host_item>(size); }
+
+void Fmg_host_item::operator delete(void* block, size_t size) noexcept {
+  pooled_delete<Fmg_host_item>(block, size);
+}
 
 Fmg_host_item::Fmg_host_item(Fmg_host_item* parent) : parent_(parent), top_(parent ? parent->top_ : this) {}
 
@@ -19,9 +26,13 @@ void Fmg_host_item::report_property(uint32_t code, const Vek_status& status, con
 }
 
 Vek_wstring Fmg_host_item::string_property(std::u16string_view name) const {
+  return Vek_wstring(string_view_property(name));
+}
+
+std::u16string_view Fmg_host_item::string_view_property(std::u16string_view name) const {
   const Tav_property* property = properties_.find(name);
-  return property != nullptr && property->type() == Tav_property::type_string ? property->string_value()
-                                                                               : Vek_wstring();
+  if (property == nullptr || property->type() != Tav_property::type_string) return {};
+  return property->string_value();
 }
 
 bool Fmg_host_item::has_log(uint32_t code) const {

@@ -6,6 +6,7 @@
 #ifndef SMTPFM_PLATFORM_FMG_HOST_ITEM_H_
 #define SMTPFM_PLATFORM_FMG_HOST_ITEM_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -28,6 +29,10 @@ class Fmg_host_item : public Fmg_item {
 
   // A node below `parent`, or the top of a tree when `parent` is null.
   explicit Fmg_host_item(Fmg_host_item* parent = nullptr);
+  // Items come from a pool: a walk makes one for every part and frees them
+  // all together (see block_pool.h).
+  static void* operator new(size_t size);
+  static void operator delete(void* block, size_t size) noexcept;
 
   Fmg_item* parent_item() override { return parent_; }
   Fmg_item* top_item() override { return top_; }
@@ -42,6 +47,8 @@ class Fmg_host_item : public Fmg_item {
   const std::vector<Report>& reports() const { return reports_; }
   // The string value of a property, or empty.
   Vek_wstring string_property(std::u16string_view name) const;
+  // The same without a copy; valid until the item's properties change.
+  std::u16string_view string_view_property(std::u16string_view name) const;
   // Whether the item has a log entry with `code`.
   bool has_log(uint32_t code) const;
 

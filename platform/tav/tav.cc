@@ -1,5 +1,7 @@
 // Properties and type identifiers (stand-in of the host's property library).
+#include <atomic>
 #include <cstdio>
+#include <cstring>
 
 #include <functional>
 #include <mutex>
@@ -30,17 +32,22 @@ const Vek_wstring* intern_shared(std::u16string_view name) {
 }
 
 // Names mostly come from a few constants, each at its own address: a small
-// cache per thread, by the address of the text, finds them again without
-// the lock and the hash. A hit is checked by content, since another text
-// may come to stand at that address.
+// cache by the address of the text finds them again without the lock and
+// the hash. A hit is checked by content, since another text may come to
+// stand at that address. The slots are shared by every thread: each holds a
+// pointer to an interned name, which never changes and is never freed, so
+// a slot read while another thread writes it gives one name or the other,
+// and either is checked.
 const Vek_wstring* intern(std::u16string_view name) {
   constexpr size_t slots = 64;
-  thread_local const Vek_wstring* cache[slots] = {};
+  static std::atomic<const Vek_wstring*> cache[slots] = {};
   const size_t slot = (reinterpret_cast<uintptr_t>(name.data()) >> 3) % slots;
-  const Vek_wstring* cached = cache[slot];
-  if (cached != nullptr && std::u16string_view(*cached) == name) return cached;
+  const Vek_wstring* cached = cache[slot].load(std::memory_order_acquire);
+  if (cached != nullptr && cached->size() == name.size() &&
+      (name.empty() || std::memcmp(cached->data(), name.data(), name.size() * sizeof(char16_t)) == 0))
+    return cached;
   cached = intern_shared(name);
-  cache[slot] = cached;
+  cache[slot].store(cached, std::memory_order_release);
   return cached;
 }
 
@@ -66,15 +73,23 @@ Tav_property* Tav_property_list::find(std::u16string_view name) const {
     const Vek_wstring& own = property.name();
     // An interned name asked for by itself matches at once.
     if (own.data() == name.data() && own.size() == name.size()) return const_cast<Tav_property*>(&property);
-    if (own.size() == name.size() && vek_string_equal_nc(own, name)) return const_cast<Tav_property*>(&property);
+    // Names differ mostly in their first letter; the call compares the rest.
+    if (own.size() == name.size() && (name.empty() || (own[0] | 0x20) == (name[0] | 0x20)) &&
+        vek_string_equal_nc(own, name))
+      return const_cast<Tav_property*>(&property);
   }
   return nullptr;
 }
 
-// Room for a few properties at first: an item gets from four to a dozen,
-// and a walk over a million parts holds a million lists.
+// Room for the properties most items get at first: a part and its body get
+// from four to six (types, the item type, a charset or a name), few get
+// more, and a walk over a million parts holds a million lists. Room for
+// four would be moved once on half the items of a multipart; room for six
+// takes no more memory than that move leaves behind.
+constexpr size_t first_room = 6;
+
 void Tav_property_list::make_room() {
-  if (items_.capacity() == 0) items_.reserve(4);
+  if (items_.capacity() == 0) items_.reserve(first_room);
 }
 
 void Tav_property_list::add(std::u16string_view name, Vek_wstring value) {

@@ -112,6 +112,7 @@ uint64_t Vek_sub_buffer::size() const {
 }
 
 const uint8_t* Vek_sub_buffer::data() const {
-  if (parent_ == nullptr || size() == 0) return nullptr;
+  // Null exactly when size() is 0, asking the parent for its size once.
+  if (parent_ == nullptr || end_ <= start_ || start_ >= parent_->size()) return nullptr;
   return parent_->data() + start_;
 }

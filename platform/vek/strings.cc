@@ -26,8 +26,41 @@ template <class View>
 bool equal_nc(View a, View b) {
   if (a.size() != b.size()) return false;
   for (size_t i = 0; i < a.size(); ++i)
-    if (lower_ascii(a[i]) != lower_ascii(b[i])) return false;
+    if (a[i] != b[i] && lower_ascii(a[i]) != lower_ascii(b[i])) return false;
   return true;
+}
+
+// Eight bytes at a time, each upper-case ASCII letter made lower case: a
+// field name is compared with every name a reader knows, on every field of
+// every part, and most names are longer than a word.
+constexpr uint64_t ones = 0x0101010101010101ull;
+
+uint64_t lower_word(uint64_t word) {
+  const uint64_t low7 = word & (0x7F * ones);
+  // The high bit of each byte: set where the byte is at least 'A', and
+  // where it is above 'Z'; a letter has the first and not the second. A
+  // byte with its own high bit set is no ASCII letter.
+  const uint64_t from_a = low7 + (0x80 - 'A') * ones;
+  const uint64_t past_z = low7 + (0x80 - 'Z' - 1) * ones;
+  const uint64_t upper = (from_a & ~past_z & ~word) & (0x80 * ones);
+  return word | (upper >> 2);
+}
+
+uint64_t load_word(const char* at) {
+  uint64_t word;
+  std::memcpy(&word, at, sizeof word);
+  return word;
+}
+
+bool equal_nc_bytes(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  size_t i = 0;
+  for (; i + sizeof(uint64_t) <= a.size(); i += sizeof(uint64_t)) {
+    const uint64_t x = load_word(a.data() + i);
+    const uint64_t y = load_word(b.data() + i);
+    if (x != y && lower_word(x) != lower_word(y)) return false;
+  }
+  return equal_nc(a.substr(i), b.substr(i));
 }
 
 template <class View>
@@ -40,9 +73,10 @@ bool blank(View text) {
 }  // namespace
 
 Vek_wstring vek_stow(std::string_view text) {
-  Vek_wstring wide(text.size(), u'\0');
-  for (size_t i = 0; i < text.size(); ++i) wide[i] = static_cast<unsigned char>(text[i]);
-  return wide;
+  // Through unsigned bytes, so that each widens to its own value in one
+  // pass; a signed char would widen 0xE9 to 0xFFE9.
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  return Vek_wstring(bytes, bytes + text.size());
 }
 
 std::string vek_wtos(std::u16string_view text) {
@@ -60,7 +94,13 @@ void vek_upper(Vek_wstring& text) {
 }
 
 void vek_lower(std::string& text) {
-  for (auto& c : text) c = lower_ascii(c);
+  // Every content type and encoding name is lowered: a word at a time.
+  size_t i = 0;
+  for (; i + sizeof(uint64_t) <= text.size(); i += sizeof(uint64_t)) {
+    const uint64_t word = lower_word(load_word(text.data() + i));
+    std::memcpy(text.data() + i, &word, sizeof word);
+  }
+  for (; i < text.size(); ++i) text[i] = lower_ascii(text[i]);
 }
 
 void vek_trim(std::string& text) {
@@ -72,7 +112,7 @@ void vek_trim(std::string& text) {
   text.assign(text, start, end - start);
 }
 
-bool vek_string_equal_nc(std::string_view a, std::string_view b) { return equal_nc(a, b); }
+bool vek_string_equal_nc(std::string_view a, std::string_view b) { return equal_nc_bytes(a, b); }
 
 bool vek_string_equal_nc(std::u16string_view a, std::u16string_view b) { return equal_nc(a, b); }
 
