@@ -75,7 +75,8 @@ void add_plain_name(std::vector<Vek_wstring>& names, const Smtp_header_field& pa
 void add_parameter_names(std::vector<Vek_wstring>& names, const std::vector<Smtp_header_field>& parameters,
                          std::string_view attribute) {
   Smtp_parameter_value value;
-  if (find_parameter_value(parameters, attribute, value)) add_name(names, name_text(value));
+  const bool found = find_parameter_value(parameters, attribute, value);
+  if (found) add_name(names, name_text(value));
   const Smtp_header_field* first = nullptr;
   const Smtp_header_field* last = nullptr;
   for (const Smtp_header_field& parameter : parameters) {
@@ -83,16 +84,16 @@ void add_parameter_names(std::vector<Vek_wstring>& names, const std::vector<Smtp
     if (first == nullptr) first = &parameter;
     last = &parameter;
   }
-  if (first != nullptr) add_plain_name(names, *first);
+  // Without an RFC 2231 value, the value found is the first plain one.
+  if (first != nullptr && (!found || value.extended)) add_plain_name(names, *first);
   if (last != first) add_plain_name(names, *last);
 }
 
 // Whether `value` holds "name" in any case: a field without it names
 // nothing, and most fields (a text part's type, "inline") are such.
 bool may_hold_a_name(std::string_view value) {
-  for (size_t at = value.find_first_of("nN"); at != std::string_view::npos && value.size() - at >= 4;
-       at = value.find_first_of("nN", at + 1))
-    if (vek_string_equal_nc(value.substr(at, 4), "name")) return true;
+  for (size_t at = 0; at + 4 <= value.size(); ++at)
+    if ((value[at] == 'n' || value[at] == 'N') && vek_string_equal_nc(value.substr(at, 4), "name")) return true;
   return false;
 }
 
@@ -120,6 +121,8 @@ void add_field_names(std::vector<Vek_wstring>& names, const std::string& value, 
   }
   // A list cut short by a failure still holds what came before it.
   add_parameter_names(names, *parsed, attribute);
+  // Most fields split as they parse, and then name nothing new.
+  if (split_agrees_on(value, *parsed, attribute)) return;
   std::vector<Smtp_header_field> split;
   split_parameters(value, head, split);
   add_parameter_names(names, split, attribute);
@@ -169,7 +172,7 @@ Vek_buffer* Smtp_rfc1521_handler::get_item(uint32_t& position, Fmg_item& item, V
   const Tav_property length(ZOR_ITEM_LENGTH, static_cast<int32_t>(record.length));
   if ((is_signed_ || signed_content_) && record.type != smtp_item_header) mark_signed_content(item);
   if (record.type == smtp_item_extra_reading)
-    item.add_property(Tav_property(Vek_wstring(smtp_alternate_reading), true));
+    item.add_property(Tav_property(smtp_alternate_reading, true));
   if (record.type == smtp_item_header) {
     item.set_property(ZOR_ITEM_TYPE, ZOR_HEADER_ITEM);
     item.add_property(length);

@@ -97,7 +97,8 @@ void add_raw_quoted_readings(std::vector<std::string>& readings, std::string_vie
 bool may_read_otherwise(const std::vector<std::string>& content_types) {
   if (content_types.size() != 1) return content_types.size() > 1;
   const std::string_view value = content_types.front();
-  if (value.find_first_of("*\\(") != std::string_view::npos || value.find("=?") != std::string_view::npos)
+  if (std::any_of(value.begin(), value.end(), [](char c) { return c == '*' || c == '\\' || c == '('; }) ||
+      value.find("=?") != std::string_view::npos)
     return true;
   // A "boundary" parameter: the name behind a ';' and in front of an '='
   // (a boundary value may hold the word itself).
@@ -123,19 +124,25 @@ std::vector<std::string> boundary_readings(const std::vector<std::string>& conte
   if (!content_types.empty()) fields.push_back(&content_types.back());
   if (content_types.size() > 1) fields.push_back(&content_types.front());
   for (const std::string* field : fields) {
-    std::string type, subtype, head;
     std::vector<Smtp_header_field> parameters;
+    const std::vector<Smtp_header_field>* parsed = &parameters;
     if (field == &content_types.back() && last_parsed != nullptr) {
-      add_parameter_readings(readings, *last_parsed);
+      parsed = last_parsed;
     } else {
       std::string value = *field;
       repair_content_type(value);
+      std::string type, subtype;
       Vek_status status;
       parse_content_type(value, type, subtype, parameters, status);
-      add_parameter_readings(readings, parameters);
     }
-    split_parameters(*field, head, parameters);
-    add_parameter_readings(readings, parameters);
+    add_parameter_readings(readings, *parsed);
+    // A field that splits as it parses reads no otherwise split.
+    if (!split_agrees_on(*field, *parsed, "boundary")) {
+      std::string head;
+      std::vector<Smtp_header_field> split;
+      split_parameters(*field, head, split);
+      add_parameter_readings(readings, split);
+    }
     add_raw_quoted_readings(readings, *field);
   }
   return readings;
