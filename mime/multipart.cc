@@ -97,8 +97,8 @@ void add_raw_quoted_readings(std::vector<std::string>& readings, std::string_vie
 bool may_read_otherwise(const std::vector<std::string>& content_types) {
   if (content_types.size() != 1) return content_types.size() > 1;
   const std::string_view value = content_types.front();
-  if (std::any_of(value.begin(), value.end(), [](char c) { return c == '*' || c == '\\' || c == '('; }) ||
-      value.find("=?") != std::string_view::npos)
+  if (value.find('*') != std::string_view::npos || value.find('\\') != std::string_view::npos ||
+      value.find('(') != std::string_view::npos || value.find("=?") != std::string_view::npos)
     return true;
   // A "boundary" parameter: the name behind a ';' and in front of an '='
   // (a boundary value may hold the word itself).
