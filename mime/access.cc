@@ -150,6 +150,7 @@ void Smtp_rfc1521_handler::collect_file_names(const std::vector<std::string>& co
   // type's "name" (RFC 2183, section 2.3).
   add_fields_names(file_names_, dispositions, false, disposition_parameters);
   add_fields_names(file_names_, content_types, true, type_parameters);
+  if (block_name.empty()) return;
   Smtp_parameter_value block;
   block.bytes = block_name;
   add_name(file_names_, parameter_text(block));

@@ -65,8 +65,8 @@ void add_parameter_readings(std::vector<std::string>& readings,
   for (const std::string& text : found) {
     add_reading(readings, text);
     // Up to the first blank or comment, as a reader of tokens stops.
-    const size_t stop = text.find_first_of(" \t(");
-    if (stop != std::string::npos && stop != 0) add_reading(readings, text.substr(0, stop));
+    const auto stop = std::find_if(text.begin(), text.end(), [](char c) { return c == ' ' || c == '\t' || c == '('; });
+    if (stop != text.end() && stop != text.begin()) add_reading(readings, std::string(text.begin(), stop));
     const size_t word = text.find("=?");
     if (word != std::string::npos && text.find("?=", word + 2) != std::string::npos) {
       Vek_wstring decoded;
