@@ -305,8 +305,8 @@ void split_extended(std::string_view value, std::string& charset, std::string_vi
 // The section number of an attribute "name*N" or "name*N*" (N decimal, no
 // sign); -1 for anything else. `extended` tells the trailing '*'.
 int64_t section_number(std::string_view attribute, std::string_view name, bool& extended) {
-  if (attribute.size() < name.size() + 2 || !vek_string_equal_nc(attribute.substr(0, name.size()), name) ||
-      attribute[name.size()] != '*')
+  if (attribute.size() < name.size() + 2 || attribute[name.size()] != '*' ||
+      !vek_string_equal_nc(attribute.substr(0, name.size()), name))
     return -1;
   std::string_view digits = attribute.substr(name.size() + 1);
   extended = !digits.empty() && digits.back() == '*';
@@ -354,8 +354,11 @@ void split_parameters(std::string_view value, std::string& head, std::vector<Smt
 
 bool split_agrees_on(std::string_view value, const std::vector<Smtp_header_field>& parsed, std::string_view name) {
   const auto named = [name](std::string_view attribute) {
-    return attribute.size() >= name.size() && vek_string_equal_nc(attribute.substr(0, name.size()), name) &&
-           (attribute.size() == name.size() || attribute[name.size()] == '*');
+    if (attribute.size() < name.size() || (attribute.size() > name.size() && attribute[name.size()] != '*'))
+      return false;
+    // Mostly written in the case of `name`.
+    const std::string_view prefix = attribute.substr(0, name.size());
+    return prefix == name || vek_string_equal_nc(prefix, name);
   };
   size_t next = 0;
   const auto next_named = [&]() -> const Smtp_header_field* {
@@ -436,11 +439,13 @@ bool find_parameter_value(const std::vector<Smtp_header_field>& parameters, std:
   return false;
 }
 
-Vek_wstring parameter_text(const Smtp_parameter_value& value) {
+Vek_wstring parameter_text(const Smtp_parameter_value& value) { return parameter_text(value.bytes, value.charset); }
+
+Vek_wstring parameter_text(std::string_view bytes, std::string_view charset) {
   Vek_wstring text;
-  if (!value.charset.empty() && charset_to_wide(value.charset, value.bytes, text)) return text;
-  const bool ascii = std::all_of(value.bytes.begin(), value.bytes.end(),
-                                 [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-  if (!ascii && is_valid_utf8(value.bytes) && charset_to_wide("UTF-8", value.bytes, text)) return text;
-  return vek_stow(value.bytes);
+  if (!charset.empty() && charset_to_wide(charset, bytes, text)) return text;
+  const bool ascii =
+      std::all_of(bytes.begin(), bytes.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (!ascii && is_valid_utf8(bytes) && charset_to_wide("UTF-8", bytes, text)) return text;
+  return vek_stow(bytes);
 }

@@ -88,5 +88,7 @@ bool find_parameter_value(const std::vector<Smtp_header_field>& parameters, std:
 // the bytes are valid UTF-8 (RFC 6532 mail writes them raw), else one
 // character per byte.
 Vek_wstring parameter_text(const Smtp_parameter_value& value);
+// The same for `bytes` in `charset` (empty for none), without a copy.
+Vek_wstring parameter_text(std::string_view bytes, std::string_view charset);
 
 #endif  // SMTPFM_READER_FIELD_PARSERS_H_
