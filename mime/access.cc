@@ -53,19 +53,30 @@ std::string without_word_languages(std::string_view value) {
 // A name as clients show it. A plain value may hold RFC 2047 encoded
 // words, which Outlook and Thunderbird write into quoted file names and
 // every client decodes; an RFC 2231 value has its charset instead.
-Vek_wstring name_text(const Smtp_parameter_value& value) {
-  if (!value.extended && value.bytes.find("=?") != std::string::npos) {
+Vek_wstring name_text(std::string_view bytes, bool extended, std::string_view charset) {
+  if (!extended && bytes.find("=?") != std::string_view::npos) {
     Vek_wstring text;
-    decode_encoded_words(without_word_languages(value.bytes), text);
+    decode_encoded_words(without_word_languages(bytes), text);
     return text;
   }
-  return parameter_text(value);
+  return parameter_text(bytes, charset);
+}
+
+// Whether `bytes` stand among `names` already, each byte an ASCII
+// character: such a value without an encoded word is its own name.
+bool known_ascii_name(const std::vector<Vek_wstring>& names, std::string_view bytes) {
+  const auto same = [](char byte, char16_t c) { return static_cast<unsigned char>(byte) < 0x80 && c == byte; };
+  return std::any_of(names.begin(), names.end(), [&](const Vek_wstring& name) {
+    return name.size() == bytes.size() && std::equal(bytes.begin(), bytes.end(), name.begin(), same);
+  });
 }
 
 void add_plain_name(std::vector<Vek_wstring>& names, const Smtp_header_field& parameter) {
-  Smtp_parameter_value plain;
-  plain.bytes = parameter.value;
-  add_name(names, name_text(plain));
+  // Most mailers write the same "filename" and "name": the second is not
+  // converted only to be refused as a repeat.
+  const std::string_view bytes = parameter.value;
+  if (bytes.find("=?") == std::string_view::npos && known_ascii_name(names, bytes)) return;
+  add_name(names, name_text(bytes, false, std::string_view()));
 }
 
 // The names that `attribute` gives in one list of parameters: its RFC 2231
@@ -74,25 +85,43 @@ void add_plain_name(std::vector<Vek_wstring>& names, const Smtp_header_field& pa
 // plain ones clients take either the first or the last).
 void add_parameter_names(std::vector<Vek_wstring>& names, const std::vector<Smtp_header_field>& parameters,
                          std::string_view attribute) {
-  Smtp_parameter_value value;
-  if (find_parameter_value(parameters, attribute, value)) add_name(names, name_text(value));
   const Smtp_header_field* first = nullptr;
   const Smtp_header_field* last = nullptr;
+  // A parameter "attribute*..." may make an RFC 2231 value; without one,
+  // the value is the first plain parameter.
+  bool starred = false;
   for (const Smtp_header_field& parameter : parameters) {
-    if (!vek_string_equal_nc(parameter.name, attribute)) continue;
+    const std::string_view name = parameter.name;
+    if (name.size() < attribute.size() || (name.size() > attribute.size() && name[attribute.size()] != '*'))
+      continue;
+    const std::string_view prefix = name.substr(0, attribute.size());
+    if (prefix != attribute && !vek_string_equal_nc(prefix, attribute)) continue;
+    if (name.size() > attribute.size()) {
+      starred = true;
+      continue;
+    }
     if (first == nullptr) first = &parameter;
     last = &parameter;
   }
-  if (first != nullptr) add_plain_name(names, *first);
+  bool extended = false;
+  if (starred) {
+    Smtp_parameter_value value;
+    if (find_parameter_value(parameters, attribute, value))
+      add_name(names, name_text(value.bytes, value.extended, value.charset));
+    extended = value.extended;
+  }
+  if (first != nullptr && (!starred || extended)) add_plain_name(names, *first);
   if (last != first) add_plain_name(names, *last);
 }
 
 // Whether `value` holds "name" in any case: a field without it names
 // nothing, and most fields (a text part's type, "inline") are such.
 bool may_hold_a_name(std::string_view value) {
-  for (size_t at = value.find_first_of("nN"); at != std::string_view::npos && value.size() - at >= 4;
-       at = value.find_first_of("nN", at + 1))
-    if (vek_string_equal_nc(value.substr(at, 4), "name")) return true;
+  // A byte with bit 5 set is the lower case of a letter only where it
+  // is one: 'n' stands for "n" and "N" alone.
+  const auto is = [](char c, char lower) { return (c | 0x20) == lower; };
+  for (size_t at = 0; at + 4 <= value.size(); ++at)
+    if (is(value[at], 'n') && is(value[at + 1], 'a') && is(value[at + 2], 'm') && is(value[at + 3], 'e')) return true;
   return false;
 }
 
@@ -120,6 +149,8 @@ void add_field_names(std::vector<Vek_wstring>& names, const std::string& value, 
   }
   // A list cut short by a failure still holds what came before it.
   add_parameter_names(names, *parsed, attribute);
+  // Most fields split as they parse, and then name nothing new.
+  if (split_agrees_on(value, *parsed, attribute)) return;
   std::vector<Smtp_header_field> split;
   split_parameters(value, head, split);
   add_parameter_names(names, split, attribute);
@@ -147,9 +178,7 @@ void Smtp_rfc1521_handler::collect_file_names(const std::vector<std::string>& co
   // type's "name" (RFC 2183, section 2.3).
   add_fields_names(file_names_, dispositions, false, disposition_parameters);
   add_fields_names(file_names_, content_types, true, type_parameters);
-  Smtp_parameter_value block;
-  block.bytes = block_name;
-  add_name(file_names_, parameter_text(block));
+  if (!block_name.empty()) add_name(file_names_, parameter_text(block_name, std::string_view()));
 }
 
 bool Smtp_rfc1521_handler::has_items(Fmg_item&, Vek_status& status) {
@@ -169,7 +198,7 @@ Vek_buffer* Smtp_rfc1521_handler::get_item(uint32_t& position, Fmg_item& item, V
   const Tav_property length(ZOR_ITEM_LENGTH, static_cast<int32_t>(record.length));
   if ((is_signed_ || signed_content_) && record.type != smtp_item_header) mark_signed_content(item);
   if (record.type == smtp_item_extra_reading)
-    item.add_property(Tav_property(Vek_wstring(smtp_alternate_reading), true));
+    item.add_property(Tav_property(smtp_alternate_reading, true));
   if (record.type == smtp_item_header) {
     item.set_property(ZOR_ITEM_TYPE, ZOR_HEADER_ITEM);
     item.add_property(length);

@@ -65,8 +65,8 @@ void add_parameter_readings(std::vector<std::string>& readings,
   for (const std::string& text : found) {
     add_reading(readings, text);
     // Up to the first blank or comment, as a reader of tokens stops.
-    const size_t stop = text.find_first_of(" \t(");
-    if (stop != std::string::npos && stop != 0) add_reading(readings, text.substr(0, stop));
+    const auto stop = std::find_if(text.begin(), text.end(), [](char c) { return c == ' ' || c == '\t' || c == '('; });
+    if (stop != text.end() && stop != text.begin()) add_reading(readings, std::string(text.begin(), stop));
     const size_t word = text.find("=?");
     if (word != std::string::npos && text.find("?=", word + 2) != std::string::npos) {
       Vek_wstring decoded;
@@ -97,7 +97,8 @@ void add_raw_quoted_readings(std::vector<std::string>& readings, std::string_vie
 bool may_read_otherwise(const std::vector<std::string>& content_types) {
   if (content_types.size() != 1) return content_types.size() > 1;
   const std::string_view value = content_types.front();
-  if (value.find_first_of("*\\(") != std::string_view::npos || value.find("=?") != std::string_view::npos)
+  if (value.find('*') != std::string_view::npos || value.find('\\') != std::string_view::npos ||
+      value.find('(') != std::string_view::npos || value.find("=?") != std::string_view::npos)
     return true;
   // A "boundary" parameter: the name behind a ';' and in front of an '='
   // (a boundary value may hold the word itself).
@@ -123,19 +124,25 @@ std::vector<std::string> boundary_readings(const std::vector<std::string>& conte
   if (!content_types.empty()) fields.push_back(&content_types.back());
   if (content_types.size() > 1) fields.push_back(&content_types.front());
   for (const std::string* field : fields) {
-    std::string type, subtype, head;
     std::vector<Smtp_header_field> parameters;
+    const std::vector<Smtp_header_field>* parsed = &parameters;
     if (field == &content_types.back() && last_parsed != nullptr) {
-      add_parameter_readings(readings, *last_parsed);
+      parsed = last_parsed;
     } else {
       std::string value = *field;
       repair_content_type(value);
+      std::string type, subtype;
       Vek_status status;
       parse_content_type(value, type, subtype, parameters, status);
-      add_parameter_readings(readings, parameters);
     }
-    split_parameters(*field, head, parameters);
-    add_parameter_readings(readings, parameters);
+    add_parameter_readings(readings, *parsed);
+    // A field that splits as it parses reads no otherwise split.
+    if (!split_agrees_on(*field, *parsed, "boundary")) {
+      std::string head;
+      std::vector<Smtp_header_field> split;
+      split_parameters(*field, head, split);
+      add_parameter_readings(readings, split);
+    }
     add_raw_quoted_readings(readings, *field);
   }
   return readings;

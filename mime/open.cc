@@ -151,10 +151,11 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   // and a name in any of them is one that some client shows.
   std::vector<std::string> content_types;
   std::vector<std::string> dispositions;
-  std::string first_transfer_encoding;
+  // Points into `fields`, which outlives it.
+  const std::string* first_transfer_encoding = nullptr;
   size_t transfer_encoding_count = 0;
+  std::vector<Smtp_header_field> fields;
   {
-    std::vector<Smtp_header_field> fields;
     bool block_reads = false;
     if (handed_header_.buffer == buffer) {
       // Recognition read this header already and kept what opens it.
@@ -168,7 +169,7 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
     // A block that the reader refuses counts for nothing: the entity is
     // then taken as if it had no fields, its body where the reader stopped.
     if (block_reads) {
-      for (const Smtp_header_field& field : fields) {
+      for (Smtp_header_field& field : fields) {
         if (!status.ok()) break;
         if (is_message_ && is_exported_header(export_headers_, field.name))
           export_header_field(table_, field, decode_header_value, status);
@@ -176,13 +177,13 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
         if (vek_string_equal_nc(field.name, "Content-Type")) {
           content_type = field.value;
           if (profile_.file_names_as_clients_read_them || profile_.every_boundary_reading)
-            content_types.push_back(field.value);
+            content_types.push_back(std::move(field.value));
         } else if (vek_string_equal_nc(field.name, "Content-Transfer-Encoding")) {
           transfer_encoding = field.value;
-          if (transfer_encoding_count++ == 0) first_transfer_encoding = field.value;
+          if (transfer_encoding_count++ == 0) first_transfer_encoding = &field.value;
         } else if (vek_string_equal_nc(field.name, "Content-Disposition")) {
           disposition_text = field.value;
-          if (profile_.file_names_as_clients_read_them) dispositions.push_back(field.value);
+          if (profile_.file_names_as_clients_read_them) dispositions.push_back(std::move(field.value));
         }
       }
     }
@@ -192,6 +193,9 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   skip_blank_line(stream);
   coverage_.start(data, stream.tell());
 
+  // Every field's value is kept where the profile reads them all; the last
+  // is then the value that opens the entity, as sent.
+  const bool sent_kept = !content_type.empty() && !content_types.empty();
   // Without a field of its own, a part has the type that its parent gave
   // it (message/rfc822 in a digest); anything else is plain text.
   if (content_type.empty()) {
@@ -206,8 +210,9 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
     content_type = type_text.empty() ? std::string("text/plain") : type_text + "/" + subtype_text;
   }
   // Clients never see the repair: the lenient reading splits what was sent.
-  const std::string sent_content_type =
-      profile_.bad_content_type_read_leniently ? content_type : std::string();
+  std::string given_content_type;
+  if (profile_.bad_content_type_read_leniently && !sent_kept) given_content_type = content_type;
+  const std::string& sent_content_type = sent_kept ? content_types.back() : given_content_type;
   content_type_repaired_ = repair_content_type(content_type);
 
   bool malformed = false;
@@ -312,9 +317,9 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
       // Clients that read the first of two fields decode the body their way.
       std::string first;
       Vek_status parsed;
-      parse_transfer_encoding(first_transfer_encoding, first, parsed);
+      parse_transfer_encoding(*first_transfer_encoding, first, parsed);
       if (!parsed.ok() && profile_.transfer_encoding_by_first_word)
-        first = first_word(first_transfer_encoding);
+        first = first_word(*first_transfer_encoding);
       if (!first.empty() && decoding_of(first) != decoding_of(encoding_))
         add_extra_reading(body_start, first);
     }

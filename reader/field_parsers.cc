@@ -20,6 +20,7 @@
 #include "reader/field_parsers.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 
 #include "codecs/encoded_words.h"
@@ -215,19 +216,37 @@ std::string_view trim_blanks(std::string_view text) {
   return text;
 }
 
+// The first `byte` from `from` on in front of `end`, or `end`.
+const char* find_byte(const char* from, const char* end, char byte) {
+  const void* found = std::memchr(from, byte, static_cast<size_t>(end - from));
+  return found == nullptr ? end : static_cast<const char*>(found);
+}
+
 // The end of the piece that starts at `from`: the first ';' outside a
 // quoted string, or the end of the value. A backslash in a quoted string
-// takes the byte behind it along.
+// takes the byte behind it along. (A value may be a few kilobytes: the
+// bytes between the ones that count are passed over by memchr.)
 size_t piece_end(std::string_view value, size_t from) {
-  bool quoted = false;
-  for (size_t i = from; i < value.size(); ++i) {
-    const char c = value[i];
-    if (quoted && c == '\\') {
-      ++i;
-    } else if (c == '"') {
-      quoted = !quoted;
-    } else if (c == ';' && !quoted) {
-      return i;
+  const char* const begin = value.data();
+  const char* const end = begin + value.size();
+  const char* p = begin + from;
+  while (p < end) {
+    const char* semicolon = find_byte(p, end, ';');
+    const char* quote = find_byte(p, semicolon, '"');
+    if (quote == semicolon) return static_cast<size_t>(semicolon - begin);
+    // Inside the quoted string, up to the quote that closes it.
+    p = quote + 1;
+    for (;;) {
+      const char* close = find_byte(p, end, '"');
+      const char* backslash = find_byte(p, close, '\\');
+      if (backslash != close) {
+        p = backslash + 2;
+        if (p >= end) return value.size();
+        continue;
+      }
+      if (close == end) return value.size();
+      p = close + 1;
+      break;
     }
   }
   return value.size();
@@ -286,8 +305,8 @@ void split_extended(std::string_view value, std::string& charset, std::string_vi
 // The section number of an attribute "name*N" or "name*N*" (N decimal, no
 // sign); -1 for anything else. `extended` tells the trailing '*'.
 int64_t section_number(std::string_view attribute, std::string_view name, bool& extended) {
-  if (attribute.size() < name.size() + 2 || !vek_string_equal_nc(attribute.substr(0, name.size()), name) ||
-      attribute[name.size()] != '*')
+  if (attribute.size() < name.size() + 2 || attribute[name.size()] != '*' ||
+      !vek_string_equal_nc(attribute.substr(0, name.size()), name))
     return -1;
   std::string_view digits = attribute.substr(name.size() + 1);
   extended = !digits.empty() && digits.back() == '*';
@@ -301,12 +320,13 @@ int64_t section_number(std::string_view attribute, std::string_view name, bool& 
   return number;
 }
 
-}  // namespace
-
-void split_parameters(std::string_view value, std::string& head, std::vector<Smtp_header_field>& parameters) {
-  parameters.clear();
-  size_t end = piece_end(value, 0);
-  head.assign(trim_blanks(value.substr(0, end)));
+// Calls `take(attribute, text)` for each piece "attribute=value" behind the
+// first ';', both trimmed, as long as it returns true; `text` still has
+// its quotes. Returns the end of the head.
+template <typename Take>
+size_t for_each_piece(std::string_view value, Take take) {
+  const size_t head_end = piece_end(value, 0);
+  size_t end = head_end;
   while (end < value.size()) {
     const size_t start = end + 1;
     end = piece_end(value, start);
@@ -314,11 +334,55 @@ void split_parameters(std::string_view value, std::string& head, std::vector<Smt
     const size_t equals = piece.find('=');
     if (equals == std::string_view::npos) continue;
     const std::string_view attribute = trim_blanks(piece.substr(0, equals));
-    const std::string_view text = trim_blanks(piece.substr(equals + 1));
     if (attribute.empty()) continue;
+    if (!take(attribute, trim_blanks(piece.substr(equals + 1)))) break;
+  }
+  return head_end;
+}
+
+}  // namespace
+
+void split_parameters(std::string_view value, std::string& head, std::vector<Smtp_header_field>& parameters) {
+  parameters.clear();
+  const size_t head_end = for_each_piece(value, [&](std::string_view attribute, std::string_view text) {
     parameters.push_back(Smtp_header_field{
         std::string(attribute), !text.empty() && text.front() == '"' ? unquote_leniently(text) : std::string(text)});
-  }
+    return true;
+  });
+  head.assign(trim_blanks(value.substr(0, head_end)));
+}
+
+bool split_agrees_on(std::string_view value, const std::vector<Smtp_header_field>& parsed, std::string_view name) {
+  const auto named = [name](std::string_view attribute) {
+    if (attribute.size() < name.size() || (attribute.size() > name.size() && attribute[name.size()] != '*'))
+      return false;
+    // Mostly written in the case of `name`.
+    const std::string_view prefix = attribute.substr(0, name.size());
+    return prefix == name || vek_string_equal_nc(prefix, name);
+  };
+  size_t next = 0;
+  const auto next_named = [&]() -> const Smtp_header_field* {
+    while (next < parsed.size() && !named(parsed[next].name)) ++next;
+    return next < parsed.size() ? &parsed[next++] : nullptr;
+  };
+  bool agrees = true;
+  for_each_piece(value, [&](std::string_view attribute, std::string_view text) {
+    if (!named(attribute)) return true;
+    if (!text.empty() && text.front() == '"') {
+      // A quoted value up to its closing quote, compared without a copy.
+      text.remove_prefix(1);
+      size_t stop = 0;
+      while (stop < text.size() && text[stop] != '"') {
+        if (text[stop] == '\\') return agrees = false;
+        ++stop;
+      }
+      text = text.substr(0, stop);
+    }
+    const Smtp_header_field* parameter = next_named();
+    agrees = parameter != nullptr && parameter->name == attribute && parameter->value == text;
+    return agrees;
+  });
+  return agrees && next_named() == nullptr;
 }
 
 bool find_parameter_value(const std::vector<Smtp_header_field>& parameters, std::string_view name,
@@ -375,11 +439,13 @@ bool find_parameter_value(const std::vector<Smtp_header_field>& parameters, std:
   return false;
 }
 
-Vek_wstring parameter_text(const Smtp_parameter_value& value) {
+Vek_wstring parameter_text(const Smtp_parameter_value& value) { return parameter_text(value.bytes, value.charset); }
+
+Vek_wstring parameter_text(std::string_view bytes, std::string_view charset) {
   Vek_wstring text;
-  if (!value.charset.empty() && charset_to_wide(value.charset, value.bytes, text)) return text;
-  const bool ascii = std::all_of(value.bytes.begin(), value.bytes.end(),
-                                 [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-  if (!ascii && is_valid_utf8(value.bytes) && charset_to_wide("UTF-8", value.bytes, text)) return text;
-  return vek_stow(value.bytes);
+  if (!charset.empty() && charset_to_wide(charset, bytes, text)) return text;
+  const bool ascii =
+      std::all_of(bytes.begin(), bytes.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  if (!ascii && is_valid_utf8(bytes) && charset_to_wide("UTF-8", bytes, text)) return text;
+  return vek_stow(bytes);
 }

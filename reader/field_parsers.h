@@ -55,6 +55,13 @@ std::string unquote_value(std::string_view text);
 // RFC 2045 holds, the result is that of the parsers above.
 void split_parameters(std::string_view value, std::string& head, std::vector<Smtp_header_field>& parameters);
 
+// Whether split_parameters gives `value` the very parameters named `name`
+// (any case) or one of its RFC 2231 forms ("name*", "name*0"...) that
+// `parsed` holds: the same names, values and order. Then every reading of
+// `name` is the same from either list. False where it cannot tell cheaply
+// (a backslash in a quoted value).
+bool split_agrees_on(std::string_view value, const std::vector<Smtp_header_field>& parsed, std::string_view name);
+
 // An RFC 2231 parameter value: sections joined, %XX escapes resolved.
 struct Smtp_parameter_value {
   std::string bytes;       // the value's bytes, in `charset`
@@ -81,5 +88,7 @@ bool find_parameter_value(const std::vector<Smtp_header_field>& parameters, std:
 // the bytes are valid UTF-8 (RFC 6532 mail writes them raw), else one
 // character per byte.
 Vek_wstring parameter_text(const Smtp_parameter_value& value);
+// The same for `bytes` in `charset` (empty for none), without a copy.
+Vek_wstring parameter_text(std::string_view bytes, std::string_view charset);
 
 #endif  // SMTPFM_READER_FIELD_PARSERS_H_

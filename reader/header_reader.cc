@@ -243,7 +243,12 @@ bool read_field(Vek_istream& stream, const Smtp_line_rules& rules, Target& targe
         break;
       }
       kind = line_kind(line, colon);
-      if (rules.obsolete_field_names && (kind == Line_kind::colon || kind == Line_kind::other)) {
+      // An "other" line has no colon in the zone line_kind looked at; the
+      // obsolete form needs one somewhere.
+      if (rules.obsolete_field_names &&
+          (kind == Line_kind::colon ||
+           (kind == Line_kind::other && line.size() > smtp_colon_zone &&
+            std::memchr(line.data() + smtp_colon_zone, ':', line.size() - smtp_colon_zone) != nullptr))) {
         const size_t at = obsolete_name_colon(line);
         if (at != std::string_view::npos) {
           kind = Line_kind::name;

@@ -57,44 +57,6 @@ uint32_t classify_part_line(std::string_view line, const Smtp_boundary* boundary
   return closing ? smtp_closing_delimiter : smtp_delimiter;
 }
 
-void find_part_delimiter(Vek_istream& stream, Smtp_boundary boundary, bool& end, bool& found,
-                         Vek_status& status) {
-  uint64_t line_start = 0;
-  find_part_delimiter(stream, boundary, end, found, line_start, status);
-}
-
-void find_part_delimiter(Vek_istream& stream, const Smtp_boundary& boundary, bool& end, bool& found,
-                         uint64_t& line_start, Vek_status& status) {
-  status.clear();
-  end = false;
-  found = false;
-  std::string_view text;
-  bool inside_long_line = false;  // the last piece did not end its line
-  for (;;) {
-    const uint64_t start = stream.tell();
-    read_piece(stream, text, status);
-    if (status == vek_line_too_long) {
-      inside_long_line = true;
-      continue;
-    }
-    if (!status.ok()) break;
-    if (!inside_long_line) {
-      const uint32_t kind = classify_part_line(text, &boundary);
-      if (kind != smtp_no_delimiter) {
-        found = true;
-        end = kind == smtp_closing_delimiter;
-        line_start = start;
-        return;
-      }
-    }
-    inside_long_line = false;
-  }
-  if (status == vek_end_of_stream) {
-    status.clear();
-    end = true;
-  }
-}
-
 // The place of the next line start at or behind `from` whose first byte
 // is '-', or `size` when there is none. `origin` is where the walk began
 // reading lines: the first line starts there. A line starts behind every
@@ -113,6 +75,48 @@ uint64_t next_dash_line(const uint8_t* bytes, uint64_t size, uint64_t origin, ui
     from = at + 1;
   }
   return size;
+}
+
+void find_part_delimiter(Vek_istream& stream, const Smtp_boundary& boundary, bool& end, bool& found,
+                         Vek_status& status) {
+  uint64_t line_start = 0;
+  find_part_delimiter(stream, boundary, end, found, line_start, status);
+}
+
+void find_part_delimiter(Vek_istream& stream, const Smtp_boundary& boundary, bool& end, bool& found,
+                         uint64_t& line_start, Vek_status& status) {
+  status.clear();
+  end = false;
+  found = false;
+  const Vek_buffer* buffer = stream.buffer();
+  const uint64_t origin = stream.tell();
+  const uint64_t size = buffer == nullptr ? 0 : buffer->size();
+  // Only a line that begins with '-' can be a delimiter, and only one that
+  // comes in a single piece: the others are passed over in the buffer's
+  // bytes. A line start here is one where reading line by line would begin
+  // a line, since pieces never part a line end.
+  std::string_view text;
+  for (uint64_t start = next_dash_line(buffer == nullptr ? nullptr : buffer->data(), size, origin, origin,
+                                       stream.eol());
+       start < size; start = next_dash_line(buffer->data(), size, origin, start + 1, stream.eol())) {
+    stream.seek(start);
+    read_piece(stream, text, status);
+    if (!status.ok()) {
+      // The first piece of a longer line.
+      status.clear();
+      continue;
+    }
+    const uint32_t kind = classify_part_line(text, &boundary);
+    if (kind != smtp_no_delimiter) {
+      found = true;
+      end = kind == smtp_closing_delimiter;
+      line_start = start;
+      return;
+    }
+  }
+  // The data end with no delimiter.
+  if (origin < size) stream.seek(size);
+  end = true;
 }
 
 void skip_to_part_delimiter(Vek_istream& stream, const Smtp_boundary& boundary, Vek_status& status) {

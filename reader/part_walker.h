@@ -32,7 +32,7 @@ uint32_t classify_part_line(std::string_view line, const Smtp_boundary* boundary
 
 // Reads up to and past the next delimiter line: `found` if one was read,
 // `end` if it was the closing one or the data ended first.
-void find_part_delimiter(Vek_istream& stream, Smtp_boundary boundary, bool& end, bool& found,
+void find_part_delimiter(Vek_istream& stream, const Smtp_boundary& boundary, bool& end, bool& found,
                          Vek_status& status);
 // The same, setting `line_start` to where the delimiter line begins when
 // one was found.
