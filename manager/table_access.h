@@ -57,7 +57,7 @@ inline Vek_buffer* get_table_item(const Smtp_item_table& table, uint32_t& positi
       item.set_property(ZOR_ITEM_TYPE, record.type == smtp_item_body ? ZOR_BODY_ITEM : ZOR_ATTACHMENT_ITEM);
     item.add_property(length);
     if (record.type == smtp_item_extra_reading) {
-      item.add_property(Tav_property(Vek_wstring(smtp_alternate_reading), true));
+      item.add_property(Tav_property(smtp_alternate_reading, true));
       if (!record.file_name.empty()) item.set_property(ZOR_ITEM_NAME, file_name_text(record.file_name));
     }
   }
