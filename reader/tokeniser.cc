@@ -176,6 +176,21 @@ void read_delimited(Vek_istream& stream, char opening, uint32_t no_opening, Lex 
 
 }  // namespace
 
+uint32_t next_token(std::string_view value, bool rfc822_specials, bool keep_comments, size_t& pos,
+                    Smtp_token_view& token) {
+  const Source src{value.data(), value.size()};
+  for (;;) {
+    uint32_t type = token_atom;
+    size_t start = 0;
+    const uint32_t code = lex_token(src, rfc822_specials, pos, type, start);
+    if (code != vek_ok) return code;
+    if (type != token_comment || keep_comments) {
+      token = Smtp_token_view{type, value.substr(start, pos - start)};
+      return vek_ok;
+    }
+  }
+}
+
 void tokenise_field(std::string_view value, bool rfc822_specials, bool keep_comments, Smtp_token_list& tokens,
                     Vek_status& status) {
   status.clear();
@@ -183,18 +198,16 @@ void tokenise_field(std::string_view value, bool rfc822_specials, bool keep_comm
   // A Content-Type with a parameter or two is about a dozen tokens: room
   // for them at once instead of growing the list four times.
   tokens.reserve(16);
-  const Source src{value.data(), value.size()};
   size_t pos = 0;
+  Smtp_token_view token;
   for (;;) {
-    uint32_t type = token_atom;
-    size_t start = 0;
-    const uint32_t code = lex_token(src, rfc822_specials, pos, type, start);
+    const uint32_t code = next_token(value, rfc822_specials, keep_comments, pos, token);
     if (code == vek_end_of_stream) return;
     if (code != vek_ok) {
       status = code;
       return;
     }
-    if (type != token_comment || keep_comments) tokens.append(type, value.substr(start, pos - start));
+    tokens.append(token.type, token.text);
   }
 }
 
