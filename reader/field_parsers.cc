@@ -424,12 +424,10 @@ bool split_agrees_on(std::string_view value, const std::vector<Smtp_header_field
     if (!text.empty() && text.front() == '"') {
       // A quoted value up to its closing quote, compared without a copy.
       text.remove_prefix(1);
-      size_t stop = 0;
-      while (stop < text.size() && text[stop] != '"') {
-        if (text[stop] == '\\') return agrees = false;
-        ++stop;
-      }
-      text = text.substr(0, stop);
+      const char* const end = text.data() + text.size();
+      const char* const close = find_byte(text.data(), end, '"');
+      if (find_byte(text.data(), close, '\\') != close) return agrees = false;
+      text = text.substr(0, static_cast<size_t>(close - text.data()));
     }
     const Smtp_header_field* parameter = next_named();
     agrees = parameter != nullptr && parameter->name == attribute && parameter->value == text;
