@@ -35,34 +35,37 @@ const char* find_byte(const char* from, const char* end, char byte) {
   return found == nullptr ? end : static_cast<const char*>(found);
 }
 
-// comment = "(" *(ctext / quoted-pair / comment) ")"
-// Expects '(' at `pos`; leaves `pos` behind the matching ')', or where the
-// text ran out. A comment may run to kilobytes: the ctext between the bytes
-// that count is passed over by memchr, and each search starts where the one
-// before it found its byte, so that no byte is searched twice for the same
-// thing.
-uint32_t lex_comment(Source src, size_t& pos) {
+// Reads a token that runs from the opening byte at `pos` to `closing`, a
+// backslash taking the byte behind it along; where `opening` is not 0, the
+// token nests up to `max_depth` levels. Leaves `pos` behind the closing
+// byte, or where the text ran out. The token may run to kilobytes (a
+// quoted boundary): the bytes between the ones that count are passed over
+// by memchr, and each search starts where the one before it found its
+// byte, so that no byte is searched twice for the same thing.
+uint32_t lex_delimited(Source src, size_t& pos, char opening, char closing, size_t max_depth,
+                       uint32_t not_closed) {
   const char* const end = src.data + src.size;
   const char* p = src.data + pos + 1;
-  // The first ')' at or behind p (or end), and the first backslash at or
-  // behind p in front of it (or it); both found again once p passed them.
+  // The first closing byte at or behind p (or end), and the first
+  // backslash at or behind p in front of it (or it); both found again
+  // once p passed them.
   const char* close = p - 1;
   const char* backslash = p - 1;
   size_t depth = 1;
   for (;;) {
-    if (close < p) close = find_byte(p, end, ')');
+    if (close < p) close = find_byte(p, end, closing);
     if (backslash < p) backslash = find_byte(p, close, '\\');
-    const char* const at = find_byte(p, backslash, '(');
+    const char* const at = opening == '\0' ? backslash : find_byte(p, backslash, opening);
     if (at == end) {
       pos = src.size;
-      return smtp_comment_not_closed;
+      return not_closed;
     }
     p = at + 1;
     pos = static_cast<size_t>(p - src.data);
-    if (*at == '(') {
-      if (++depth > smtp_max_comment_depth) return smtp_comment_not_closed;
+    if (at != backslash) {
+      if (++depth > max_depth) return not_closed;
     } else if (*at == '\\') {
-      if (p >= end) return smtp_comment_not_closed;
+      if (p >= end) return not_closed;
       ++p;
     } else if (--depth == 0) {
       return vek_ok;
@@ -70,26 +73,14 @@ uint32_t lex_comment(Source src, size_t& pos) {
   }
 }
 
+// comment = "(" *(ctext / quoted-pair / comment) ")"
+uint32_t lex_comment(Source src, size_t& pos) {
+  return lex_delimited(src, pos, '(', ')', smtp_max_comment_depth, smtp_comment_not_closed);
+}
+
 // quoted-string = <"> *(qtext / quoted-pair) <">
-// The qtext in front of the closing quote or a backslash is passed over by
-// memchr: a boundary may be quoted over kilobytes.
 uint32_t lex_quoted_string(Source src, size_t& pos) {
-  const char* const end = src.data + src.size;
-  const char* p = src.data + pos + 1;
-  const char* quote = p - 1;  // the first '"' at or behind p, or end
-  for (;;) {
-    if (quote < p) quote = find_byte(p, end, '"');
-    const char* const at = find_byte(p, quote, '\\');
-    if (at == end) {
-      pos = src.size;
-      return smtp_quoted_string_not_closed;
-    }
-    p = at + 1;
-    pos = static_cast<size_t>(p - src.data);
-    if (*at == '"') return vek_ok;
-    if (p >= end) return smtp_quoted_string_not_closed;
-    ++p;
-  }
+  return lex_delimited(src, pos, '\0', '"', 1, smtp_quoted_string_not_closed);
 }
 
 // domain-literal = "[" *(dtext / quoted-pair) "]", read up to the first ']'
