@@ -28,11 +28,9 @@
 
 namespace {
 
-bool is_special(const Smtp_token& token, char byte) {
-  return token.type == token_special && token.text.size() == 1 && token.text[0] == byte;
-}
-
-bool is_special(const Smtp_token_view& token, char byte) {
+// Whether `token` (a Smtp_token or a Smtp_token_view) is the special `byte`.
+template <typename Token>
+bool is_special(const Token& token, char byte) {
   return token.type == token_special && token.text.size() == 1 && token.text[0] == byte;
 }
 
