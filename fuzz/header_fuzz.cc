@@ -202,7 +202,8 @@ void check_tokens(std::string_view value, bool rfc822_specials, bool keep_commen
         break;
       case token_quoted_string:
         FUZZ_CHECK(text.size() >= 2 && text.front() == '"' && text.back() == '"', "an open quoted string");
-        FUZZ_CHECK(naive_delimited_end(value, at - text.size(), '\0', '"') == at, "a quoted string ends early");
+        FUZZ_CHECK(naive_delimited_end(value, at - text.size(), '\0', '"') == at,
+                   "a quoted string ends early");
         break;
       case token_domain_literal:
         FUZZ_CHECK(text.size() >= 2 && text.front() == '[' && text.back() == ']', "an open domain literal");
@@ -254,7 +255,8 @@ void check_value(const std::string& value) {
   parse_transfer_encoding(value, word, status);
   parse_bare_content_type(value, word, status);
   const bool one_atom = lexed.ok() && tokens.count() == 1 && tokens[0].type == token_atom;
-  FUZZ_CHECK(status.ok() == one_atom && (!one_atom || word == tokens[0].text), "a bare Content-Type not one atom");
+  FUZZ_CHECK(status.ok() == one_atom && (!one_atom || word == tokens[0].text),
+             "a bare Content-Type not one atom");
   std::vector<Smtp_encoding_entry> entries;
   parse_encoding_field(value, entries, status);
 

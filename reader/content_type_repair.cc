@@ -4,7 +4,6 @@
 // before it left, and touch only the first place found.
 #include "reader/content_type_repair.h"
 
-#include <cstring>
 #include <string_view>
 
 #include "contracts/vek.h"
@@ -52,8 +51,7 @@ class Work {
     if (!lower_valid_) {
       lower_valid_ = true;
       if (view_.size() <= sizeof short_lower_) {
-        std::memcpy(short_lower_, view_.data(), view_.size());
-        for (size_t i = 0; i < view_.size(); ++i) short_lower_[i] = lower_ascii(short_lower_[i]);
+        for (size_t i = 0; i < view_.size(); ++i) short_lower_[i] = lower_ascii(view_[i]);
         lower_ = std::string_view(short_lower_, view_.size());
       } else {
         long_lower_.assign(view_);
@@ -135,7 +133,8 @@ bool repair_content_type(std::string& value) {
     work.edited();
   }
   // 6: an opening quote that is never closed.
-  if (size_t at = work.find("\"us-ascii"); at != npos && (at + 9 >= work.view().size() || work.view()[at + 9] != '"')) {
+  if (size_t at = work.find("\"us-ascii");
+      at != npos && (at + 9 >= work.view().size() || work.view()[at + 9] != '"')) {
     work.text().erase(at, 1);
     work.edited();
   }
@@ -152,7 +151,8 @@ bool repair_content_type(std::string& value) {
   // 9: an application subtype of several words, which no registry knows.
   constexpr std::string_view application = "application/";
   const std::string_view text = work.view();
-  if (text.size() >= application.size() && vek_string_equal_nc(text.substr(0, application.size()), application)) {
+  if (text.size() >= application.size() &&
+      vek_string_equal_nc(text.substr(0, application.size()), application)) {
     size_t end = text.find(';', application.size());
     if (end == npos) end = text.size();
     if (trim(text.substr(application.size(), end - application.size())).find(' ') != npos) {
