@@ -13,7 +13,10 @@
 //   they are applied naively, rescanning from the front;
 // - tokenise_field gives tokens that stand in the value in order, with only
 //   white space and control bytes (and dropped comments) between them, each
-//   of the shape its type says;
+//   of the shape its type says, a quoted string or comment ending where a
+//   byte-by-byte reading ends it;
+// - the parsers, which walk the tokens one at a time, yield nothing for a
+//   value the lexer fails on, and a bare Content-Type is the one atom;
 // - the parsers and the repairs end on every value; a repair that says it
 //   changed nothing left the value alone, and a cleaned Encoding value holds
 //   no special but ',', '(' and ')' outside its comments;
@@ -107,6 +110,22 @@ bool naive_in_quoted_string(std::string_view text, size_t length) {
   return odd;
 }
 
+// The end of the quoted string (opening '\0') or comment at `at`, read a
+// byte at a time; npos where it is not closed.
+size_t naive_delimited_end(std::string_view text, size_t at, char opening, char closing) {
+  size_t depth = 0;
+  for (size_t i = at; i < text.size(); ++i) {
+    if (text[i] == '\\') {
+      ++i;
+    } else if (text[i] == closing && i != at) {
+      if (--depth == 0) return i + 1;
+    } else if ((opening != '\0' && text[i] == opening) || i == at) {
+      if (++depth > smtp_max_comment_depth) return std::string_view::npos;
+    }
+  }
+  return std::string_view::npos;
+}
+
 bool is_space(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f'; }
 
 // The unfolding rule, applied as it is written.
@@ -183,12 +202,15 @@ void check_tokens(std::string_view value, bool rfc822_specials, bool keep_commen
         break;
       case token_quoted_string:
         FUZZ_CHECK(text.size() >= 2 && text.front() == '"' && text.back() == '"', "an open quoted string");
+        FUZZ_CHECK(naive_delimited_end(value, at - text.size(), '\0', '"') == at,
+                   "a quoted string ends early");
         break;
       case token_domain_literal:
         FUZZ_CHECK(text.size() >= 2 && text.front() == '[' && text.back() == ']', "an open domain literal");
         break;
       case token_comment:
         FUZZ_CHECK(text.size() >= 2 && text.front() == '(' && text.back() == ')', "an open comment");
+        FUZZ_CHECK(naive_delimited_end(value, at - text.size(), '(', ')') == at, "a comment ends early");
         break;
       case token_atom:
         for (char c : text)
@@ -217,12 +239,24 @@ void check_value(const std::string& value) {
   Vek_status status;
   std::string type, subtype, word;
   std::vector<Smtp_header_field> parameters;
+  Smtp_token_list tokens;
+  Vek_status lexed;
+  tokenise_field(value, false, false, tokens, lexed);
   parse_content_type(value, type, subtype, parameters, status);
   if (status.ok()) FUZZ_CHECK(!type.empty() && !subtype.empty(), "a good Content-Type without its type");
+  if (!lexed.ok())
+    FUZZ_CHECK(!status.ok() && type.empty() && subtype.empty() && parameters.empty(),
+               "a Content-Type the lexer fails on yields something");
   parse_content_disposition(value, word, parameters, status);
   if (status.ok()) FUZZ_CHECK(!word.empty(), "a good Content-Disposition without its type");
+  if (!lexed.ok())
+    FUZZ_CHECK(!status.ok() && word.empty() && parameters.empty(),
+               "a Content-Disposition the lexer fails on yields something");
   parse_transfer_encoding(value, word, status);
   parse_bare_content_type(value, word, status);
+  const bool one_atom = lexed.ok() && tokens.count() == 1 && tokens[0].type == token_atom;
+  FUZZ_CHECK(status.ok() == one_atom && (!one_atom || word == tokens[0].text),
+             "a bare Content-Type not one atom");
   std::vector<Smtp_encoding_entry> entries;
   parse_encoding_field(value, entries, status);
 

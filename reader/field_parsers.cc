@@ -28,37 +28,66 @@
 
 namespace {
 
-bool is_special(const Smtp_token& token, char byte) {
+// Whether `token` (a Smtp_token or a Smtp_token_view) is the special `byte`.
+template <typename Token>
+bool is_special(const Token& token, char byte) {
   return token.type == token_special && token.text.size() == 1 && token.text[0] == byte;
 }
 
-// Reads ";" attribute "=" value pairs from token `i` on. False on a break
+// The tokens of a value with the RFC 1521 tspecials, comments passed over,
+// read one at a time as views into the value: a parser builds no token
+// list, and copies only what it keeps. A failure of the lexer ends the
+// tokens like the end of the value does; failed() tells them apart.
+class Token_cursor {
+ public:
+  explicit Token_cursor(std::string_view value) : value_(value) { advance(); }
+
+  // Whether the tokens ran out (or the lexer failed).
+  bool at_end() const { return code_ != vek_ok; }
+  // The current token; only while !at_end().
+  const Smtp_token_view& token() const { return token_; }
+  // Moves to the next token.
+  void advance() {
+    if (code_ == vek_ok) code_ = next_token(value_, false, false, pos_, token_);
+  }
+  // Reads the rest of the value; true when the lexer failed anywhere in it.
+  bool failed() {
+    while (!at_end()) advance();
+    return code_ != vek_end_of_stream;
+  }
+
+ private:
+  std::string_view value_;
+  size_t pos_ = 0;
+  uint32_t code_ = vek_ok;
+  Smtp_token_view token_;
+};
+
+// Reads ";" attribute "=" value pairs from the cursor on. False on a break
 // of the grammar; the parameters read before it stay in `parameters`.
 // `content_type` selects the Content-Type rules for unquoted values, else
 // those of Content-Disposition.
-bool parse_parameters(const Smtp_token_list& tokens, size_t i, bool content_type,
-                      std::vector<Smtp_header_field>& parameters) {
-  const size_t count = tokens.count();
-  while (i < count) {
-    if (!is_special(tokens[i], ';')) return false;
-    ++i;
-    while (i < count && is_special(tokens[i], ';')) ++i;
-    if (i >= count || tokens[i].type != token_atom) return false;
-    const std::string& attribute = tokens[i].text;
-    ++i;
-    if (i >= count || !is_special(tokens[i], '=')) return false;
-    ++i;
-    if (i >= count) return false;
+bool parse_parameters(Token_cursor& tokens, bool content_type, std::vector<Smtp_header_field>& parameters) {
+  while (!tokens.at_end()) {
+    if (!is_special(tokens.token(), ';')) return false;
+    tokens.advance();
+    while (!tokens.at_end() && is_special(tokens.token(), ';')) tokens.advance();
+    if (tokens.at_end() || tokens.token().type != token_atom) return false;
+    const std::string_view attribute = tokens.token().text;
+    tokens.advance();
+    if (tokens.at_end() || !is_special(tokens.token(), '=')) return false;
+    tokens.advance();
+    if (tokens.at_end()) return false;
 
-    const Smtp_token& first = tokens[i];
+    const Smtp_token_view first = tokens.token();
     if (first.type == token_quoted_string) {
-      parameters.push_back(Smtp_header_field{attribute, unquote_value(first.text)});
-      ++i;
+      parameters.push_back(Smtp_header_field{std::string(attribute), unquote_value(first.text)});
+      tokens.advance();
       continue;
     }
     if (first.type == token_domain_literal) {
-      parameters.push_back(Smtp_header_field{attribute, first.text});
-      ++i;
+      parameters.push_back(Smtp_header_field{std::string(attribute), std::string(first.text)});
+      tokens.advance();
       continue;
     }
     if (first.type != token_atom) return false;
@@ -68,20 +97,20 @@ bool parse_parameters(const Smtp_token_list& tokens, size_t i, bool content_type
     const bool is_boundary = content_type && attribute == "boundary";
     std::string value;
     bool after_atom = false;
-    for (; i < count; ++i) {
-      const Smtp_token& token = tokens[i];
+    for (; !tokens.at_end(); tokens.advance()) {
+      const Smtp_token_view& token = tokens.token();
       const bool is_atom = token.type == token_atom;
       if (!is_atom && !(is_boundary && token.type == token_special && !is_special(token, ';'))) break;
       if (is_atom && after_atom) value.push_back(' ');
       value.append(token.text);
       after_atom = is_atom;
     }
-    if (!content_type || i >= count || is_special(tokens[i], ';')) {
-      parameters.push_back(Smtp_header_field{attribute, std::move(value)});
+    if (!content_type || tokens.at_end() || is_special(tokens.token(), ';')) {
+      parameters.push_back(Smtp_header_field{std::string(attribute), std::move(value)});
     } else {
       // The value ran into something it cannot hold: drop the parameter
       // and go on at the next ";".
-      while (i < count && !is_special(tokens[i], ';')) ++i;
+      while (!tokens.at_end() && !is_special(tokens.token(), ';')) tokens.advance();
     }
   }
   return true;
@@ -91,13 +120,18 @@ bool parse_parameters(const Smtp_token_list& tokens, size_t i, bool content_type
 void parse_single_atom(std::string_view value, std::string& result, uint32_t failure, Vek_status& status) {
   status.clear();
   result.clear();
-  Smtp_token_list tokens;
-  tokenise_field(value, false, false, tokens, status);
-  if (!status.ok() || tokens.count() != 1 || tokens[0].type != token_atom) {
+  Token_cursor tokens(value);
+  if (tokens.at_end() || tokens.token().type != token_atom) {
     status = failure;
     return;
   }
-  result = tokens[0].text;
+  const std::string_view atom = tokens.token().text;
+  tokens.advance();
+  if (!tokens.at_end() || tokens.failed()) {
+    status = failure;
+    return;
+  }
+  result.assign(atom);
 }
 
 // The decimal value of a run of digits; a count too large for the field is
@@ -119,19 +153,30 @@ void parse_content_type(std::string_view value, std::string& type, std::string& 
   type.clear();
   subtype.clear();
   parameters.clear();
-  Smtp_token_list tokens;
-  tokenise_field(value, false, false, tokens, status);
-  if (!status.ok() || tokens.count() < 3 || tokens[0].type != token_atom) {
-    status = smtp_bad_content_type;
-    return;
+  // type "/" subtype: the first three tokens, read before anything is kept.
+  Token_cursor tokens(value);
+  Smtp_token_view head[3];
+  size_t head_count = 0;
+  for (; head_count < 3 && !tokens.at_end(); ++head_count) {
+    head[head_count] = tokens.token();
+    tokens.advance();
   }
-  type = tokens[0].text;
-  if (!is_special(tokens[1], '/') || tokens[2].type != token_atom) {
-    status = smtp_bad_content_type;
-    return;
+  bool parsed = false;
+  if (head_count == 3 && head[0].type == token_atom) {
+    type.assign(head[0].text);
+    if (is_special(head[1], '/') && head[2].type == token_atom) {
+      subtype.assign(head[2].text);
+      parsed = parse_parameters(tokens, true, parameters);
+    }
   }
-  subtype = tokens[2].text;
-  if (!parse_parameters(tokens, 3, true, parameters)) status = smtp_bad_content_type;
+  // A value the lexer fails on yields nothing, wherever the failure lies.
+  if (tokens.failed()) {
+    type.clear();
+    subtype.clear();
+    parameters.clear();
+    parsed = false;
+  }
+  if (!parsed) status = smtp_bad_content_type;
 }
 
 void parse_content_disposition(std::string_view value, std::string& disposition,
@@ -139,14 +184,20 @@ void parse_content_disposition(std::string_view value, std::string& disposition,
   status.clear();
   disposition.clear();
   parameters.clear();
-  Smtp_token_list tokens;
-  tokenise_field(value, false, false, tokens, status);
-  if (!status.ok() || tokens.count() < 1 || tokens[0].type != token_atom) {
-    status = smtp_bad_content_disposition;
-    return;
+  Token_cursor tokens(value);
+  bool parsed = false;
+  if (!tokens.at_end() && tokens.token().type == token_atom) {
+    disposition.assign(tokens.token().text);
+    tokens.advance();
+    parsed = parse_parameters(tokens, false, parameters);
   }
-  disposition = tokens[0].text;
-  if (!parse_parameters(tokens, 1, false, parameters)) status = smtp_bad_content_disposition;
+  // A value the lexer fails on yields nothing, wherever the failure lies.
+  if (tokens.failed()) {
+    disposition.clear();
+    parameters.clear();
+    parsed = false;
+  }
+  if (!parsed) status = smtp_bad_content_disposition;
 }
 
 void parse_transfer_encoding(std::string_view value, std::string& encoding, Vek_status& status) {
@@ -371,12 +422,10 @@ bool split_agrees_on(std::string_view value, const std::vector<Smtp_header_field
     if (!text.empty() && text.front() == '"') {
       // A quoted value up to its closing quote, compared without a copy.
       text.remove_prefix(1);
-      size_t stop = 0;
-      while (stop < text.size() && text[stop] != '"') {
-        if (text[stop] == '\\') return agrees = false;
-        ++stop;
-      }
-      text = text.substr(0, stop);
+      const char* const end = text.data() + text.size();
+      const char* const close = find_byte(text.data(), end, '"');
+      if (find_byte(text.data(), close, '\\') != close) return agrees = false;
+      text = text.substr(0, static_cast<size_t>(close - text.data()));
     }
     const Smtp_header_field* parameter = next_named();
     agrees = parameter != nullptr && parameter->name == attribute && parameter->value == text;

@@ -38,6 +38,8 @@ TEST(ParseContentType, Table) {
       {"a/b; name=[1.2.3.4]", "a/b;name=[1.2.3.4]|"},
       {"a/b; name=my file.txt", "a/b;name=my file.txt|"},
       {"a/b; name=\"x\" y; c=d", "a/b;name=x|", bad},
+      // A value the lexer fails on behind the break yields nothing.
+      {"a/b; name=\"x\" y; c=\"d", "/;", bad},
       {"a/b; name=x/y; c=d", "a/b;c=d|"},
       // Mailers leave tspecials in a boundary unquoted; only "boundary", in
       // that case, takes them.
@@ -67,6 +69,7 @@ TEST(ParseContentDisposition, Table) {
       {"", ";", bad},
       {"\"attachment\"", ";", bad},
       {"attachment; filename=\"a", ";", bad},
+      {"attachment; filename=a/b \"c", ";", bad},
   };
   for (const Case& c : cases) {
     std::string disposition = "stale";

@@ -29,39 +29,58 @@ size_t skip_white(Source src, size_t pos) {
   return pos;
 }
 
-// comment = "(" *(ctext / quoted-pair / comment) ")"
-// Expects '(' at `pos`; leaves `pos` behind the matching ')', or where the
-// text ran out.
-uint32_t lex_comment(Source src, size_t& pos) {
+// The first `byte` from `from` on in front of `end`, or `end`.
+const char* find_byte(const char* from, const char* end, char byte) {
+  const void* found = std::memchr(from, byte, static_cast<size_t>(end - from));
+  return found == nullptr ? end : static_cast<const char*>(found);
+}
+
+// Reads a token that runs from the opening byte at `pos` to `closing`, a
+// backslash taking the byte behind it along; where `opening` is not 0, the
+// token nests up to `max_depth` levels. Leaves `pos` behind the closing
+// byte, or where the text ran out. The token may run to kilobytes (a
+// quoted boundary): the bytes between the ones that count are passed over
+// by memchr, and each search starts where the one before it found its
+// byte, so that no byte is searched twice for the same thing.
+uint32_t lex_delimited(Source src, size_t& pos, char opening, char closing, size_t max_depth,
+                       uint32_t not_closed) {
+  const char* const end = src.data + src.size;
+  const char* p = src.data + pos + 1;
+  // The first closing byte at or behind p (or end), and the first
+  // backslash at or behind p in front of it (or it); both found again
+  // once p passed them.
+  const char* close = p - 1;
+  const char* backslash = p - 1;
   size_t depth = 1;
-  ++pos;
   for (;;) {
-    if (pos >= src.size) return smtp_comment_not_closed;
-    const char c = src.data[pos++];
-    if (c == '(') {
-      if (++depth > smtp_max_comment_depth) return smtp_comment_not_closed;
-    } else if (c == '\\') {
-      if (pos >= src.size) return smtp_comment_not_closed;
-      ++pos;
-    } else if (c == ')') {
-      if (--depth == 0) return vek_ok;
+    if (close < p) close = find_byte(p, end, closing);
+    if (backslash < p) backslash = find_byte(p, close, '\\');
+    const char* const at = opening == '\0' ? backslash : find_byte(p, backslash, opening);
+    if (at == end) {
+      pos = src.size;
+      return not_closed;
+    }
+    p = at + 1;
+    pos = static_cast<size_t>(p - src.data);
+    if (at != backslash) {
+      if (++depth > max_depth) return not_closed;
+    } else if (*at == '\\') {
+      if (p >= end) return not_closed;
+      ++p;
+    } else if (--depth == 0) {
+      return vek_ok;
     }
   }
 }
 
+// comment = "(" *(ctext / quoted-pair / comment) ")"
+uint32_t lex_comment(Source src, size_t& pos) {
+  return lex_delimited(src, pos, '(', ')', smtp_max_comment_depth, smtp_comment_not_closed);
+}
+
 // quoted-string = <"> *(qtext / quoted-pair) <">
 uint32_t lex_quoted_string(Source src, size_t& pos) {
-  ++pos;
-  for (;;) {
-    if (pos >= src.size) return smtp_quoted_string_not_closed;
-    const char c = src.data[pos++];
-    if (c == '\\') {
-      if (pos >= src.size) return smtp_quoted_string_not_closed;
-      ++pos;
-    } else if (c == '"') {
-      return vek_ok;
-    }
-  }
+  return lex_delimited(src, pos, '\0', '"', 1, smtp_quoted_string_not_closed);
 }
 
 // domain-literal = "[" *(dtext / quoted-pair) "]", read up to the first ']'
@@ -148,6 +167,21 @@ void read_delimited(Vek_istream& stream, char opening, uint32_t no_opening, Lex 
 
 }  // namespace
 
+uint32_t next_token(std::string_view value, bool rfc822_specials, bool keep_comments, size_t& pos,
+                    Smtp_token_view& token) {
+  const Source src{value.data(), value.size()};
+  for (;;) {
+    uint32_t type = token_atom;
+    size_t start = 0;
+    const uint32_t code = lex_token(src, rfc822_specials, pos, type, start);
+    if (code != vek_ok) return code;
+    if (type != token_comment || keep_comments) {
+      token = Smtp_token_view{type, value.substr(start, pos - start)};
+      return vek_ok;
+    }
+  }
+}
+
 void tokenise_field(std::string_view value, bool rfc822_specials, bool keep_comments, Smtp_token_list& tokens,
                     Vek_status& status) {
   status.clear();
@@ -155,18 +189,16 @@ void tokenise_field(std::string_view value, bool rfc822_specials, bool keep_comm
   // A Content-Type with a parameter or two is about a dozen tokens: room
   // for them at once instead of growing the list four times.
   tokens.reserve(16);
-  const Source src{value.data(), value.size()};
   size_t pos = 0;
+  Smtp_token_view token;
   for (;;) {
-    uint32_t type = token_atom;
-    size_t start = 0;
-    const uint32_t code = lex_token(src, rfc822_specials, pos, type, start);
+    const uint32_t code = next_token(value, rfc822_specials, keep_comments, pos, token);
     if (code == vek_end_of_stream) return;
     if (code != vek_ok) {
       status = code;
       return;
     }
-    if (type != token_comment || keep_comments) tokens.append(type, value.substr(start, pos - start));
+    tokens.append(token.type, token.text);
   }
 }
 

@@ -66,6 +66,19 @@ inline bool is_atom_char(char byte, bool rfc822_specials) {
   return (char_class_of(byte) & (rfc822_specials ? char_rfc822_special : char_mime_special)) == 0;
 }
 
+// A token as a view into the value it was read from.
+struct Smtp_token_view {
+  uint32_t type = token_atom;
+  std::string_view text;
+};
+
+// Reads the token of `value` at or behind `pos`, passing over comments
+// unless `keep_comments`, and leaves `pos` behind it. vek_ok with the token
+// in `token`; vek_end_of_stream when nothing but white space (and comments)
+// is left; else the lexer's failure, `token` untouched.
+uint32_t next_token(std::string_view value, bool rfc822_specials, bool keep_comments, size_t& pos,
+                    Smtp_token_view& token);
+
 // Empties `tokens` and cuts the whole of `value` into tokens, dropping
 // comments unless `keep_comments`. The end of the value is no failure; on a
 // failure the tokens read before it stay in the list.

@@ -35,6 +35,7 @@ TEST(TokeniseField, Table) {
       {"nested comment is one token", "(a (b) c) x", "c:(a (b) c)|a:x"},
       {"one close too few", "a b (a (b) c", "a:a|a:b", smtp_comment_not_closed},
       {"escaped paren stays in text", "(a \\( b)", "c:(a \\( b)"},
+      {"escaped close paren", "(a \\) b) c", "c:(a \\) b)|a:c"},
       {"deepest comment", deepest, "c:" + deepest},
       {"one level too deep", "(" + deepest + ")", "", smtp_comment_not_closed},
       // Domain literals; a backslash means nothing in them.

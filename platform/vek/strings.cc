@@ -129,13 +129,24 @@ bool vek_is_number(std::u16string_view text) {
 
 std::string vek_unquote(std::string_view text) {
   if (text.size() >= 2 && text.front() == '"' && text.back() == '"') text = text.substr(1, text.size() - 2);
+  // Most quoted values hold no backslash: the stretches between quoted
+  // pairs are copied whole.
   std::string result;
-  result.reserve(text.size());
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '\\' && i + 1 < text.size()) ++i;
-    result.push_back(text[i]);
+  if (text.empty()) return result;
+  const char* p = text.data();
+  const char* const end = p + text.size();
+  for (;;) {
+    const void* found = std::memchr(p, '\\', static_cast<size_t>(end - p));
+    if (found == nullptr || found == end - 1) {
+      result.append(p, end);
+      return result;
+    }
+    const char* const backslash = static_cast<const char*>(found);
+    if (result.empty()) result.reserve(text.size());
+    result.append(p, backslash);
+    result.push_back(backslash[1]);
+    p = backslash + 2;
   }
-  return result;
 }
 
 Vek_wstring vek_itow(int64_t value) { return vek_stow(std::to_string(value)); }

@@ -39,4 +39,12 @@ TEST(Strings, LowerFoldsOnlyAsciiLetters) {
     ASSERT_EQ(static_cast<unsigned char>(lowered[c]), c >= 'A' && c <= 'Z' ? c + 32 : c) << c;
 }
 
+// Runs without a backslash are copied whole; a backslash takes the byte
+// behind it, except the last, which stays.
+TEST(Strings, UnquoteResolvesQuotedPairs) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"\"a b\"", "a b"}, {"\"a\\\"b\\\\c\"", "a\"b\\c"}, {"ab\\", "ab\\"}, {"\"", "\""}, {"", ""}};
+  for (const auto& [in, want] : cases) EXPECT_EQ(vek_unquote(in), want) << in;
+}
+
 }  // namespace
