@@ -143,6 +143,8 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
   void add_other_reading(Vek_istream& stream, const Smtp_split& primary, const std::string& text, bool prefix,
                          std::vector<std::vector<Smtp_range>>& seen);
   bool only_nested_delimiters(const Smtp_split& primary, const Smtp_split& other) const;
+  bool is_nested_delimiter(const Smtp_split& primary, uint64_t offset, std::string_view line) const;
+  bool only_nested_prefix_lines(const Smtp_split& primary, const Smtp_prefix_lines& lines) const;
   void add_other_type_readings(Vek_istream& stream, uint64_t body_start,
                                const std::vector<std::string>& content_types);
   void cover(const Smtp_range& range);
