@@ -192,7 +192,7 @@ void add_field_names(std::vector<Vek_wstring>& names, const std::string& value, 
 // The names of the last field of a kind (the one this handler reads, and
 // parsed into `last_parsed` where not null), then of the first (the one
 // Thunderbird and Python's email package read).
-void add_fields_names(std::vector<Vek_wstring>& names, const std::vector<std::string>& values,
+void add_fields_names(std::vector<Vek_wstring>& names, Smtp_field_values values,
                       bool content_type, const std::vector<Smtp_header_field>* last_parsed) {
   if (values.empty()) return;
   add_field_names(names, values.back(), content_type, last_parsed);
@@ -201,8 +201,7 @@ void add_fields_names(std::vector<Vek_wstring>& names, const std::vector<std::st
 
 }  // namespace
 
-void Smtp_rfc1521_handler::collect_file_names(const std::vector<std::string>& content_types,
-                                              const std::vector<std::string>& dispositions,
+void Smtp_rfc1521_handler::collect_file_names(Smtp_field_values content_types, Smtp_field_values dispositions,
                                               const std::vector<Smtp_header_field>* type_parameters,
                                               const std::vector<Smtp_header_field>* disposition_parameters,
                                               std::string_view block_name) {

@@ -94,7 +94,7 @@ void add_raw_quoted_readings(std::vector<std::string>& readings, std::string_vie
 
 }  // namespace
 
-bool may_read_otherwise(const std::vector<std::string>& content_types) {
+bool may_read_otherwise(Smtp_field_values content_types) {
   if (content_types.size() != 1) return content_types.size() > 1;
   const std::string_view value = content_types.front();
   if (value.find('*') != std::string_view::npos || value.find('\\') != std::string_view::npos ||
@@ -115,7 +115,7 @@ bool may_read_otherwise(const std::vector<std::string>& content_types) {
   return false;
 }
 
-std::vector<std::string> boundary_readings(const std::vector<std::string>& content_types,
+std::vector<std::string> boundary_readings(Smtp_field_values content_types,
                                            const std::vector<Smtp_header_field>* last_parsed) {
   std::vector<std::string> readings;
   // The last field is the one this handler reads; Thunderbird and Python's
@@ -189,8 +189,8 @@ Smtp_split Smtp_rfc1521_handler::split_body(Vek_istream& stream, uint64_t body_s
   return split;
 }
 
-void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item,
-                                          const std::vector<std::string>& content_types, Vek_status& status) {
+void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item, Smtp_field_values content_types,
+                                          Vek_status& status) {
   status.clear();
   const uint64_t body_start = stream.tell();
   const Smtp_header_field* boundary_parameter = find_parameter(parameters_, "boundary");
@@ -334,8 +334,9 @@ bool Smtp_rfc1521_handler::only_nested_prefix_lines(const Smtp_split& primary,
   }
   return true;
 }
+
 void Smtp_rfc1521_handler::add_other_type_readings(Vek_istream& stream, uint64_t body_start,
-                                                   const std::vector<std::string>& content_types) {
+                                                   Smtp_field_values content_types) {
   std::vector<std::vector<Smtp_range>> seen;
   for (const std::string& value : content_types) {
     std::string repaired = value;
@@ -347,7 +348,8 @@ void Smtp_rfc1521_handler::add_other_type_readings(Vek_istream& stream, uint64_t
     if (!vek_string_equal_nc(type, "multipart")) continue;
     Smtp_split none;
     none.body_start = body_start;
-    for (const std::string& text : boundary_readings({value})) {
+    // The value parses in boundary_readings as it did here.
+    for (const std::string& text : boundary_readings(Smtp_field_values(&value, 1), &parameters)) {
       add_other_reading(stream, none, text, false, seen);
       add_other_reading(stream, none, text, true, seen);
     }
