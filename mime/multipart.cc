@@ -11,6 +11,7 @@
 // that cuts the body elsewhere gives its parts as extra readings.
 #include <algorithm>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -52,23 +53,25 @@ void add_reading(std::vector<std::string>& readings, std::string text) {
 // words decoded.
 void add_parameter_readings(std::vector<std::string>& readings,
                             const std::vector<Smtp_header_field>& parameters) {
-  std::vector<std::string> found;
+  // Views on `parameters` and `value`, which outlive them.
+  std::string_view found[3];
+  size_t count = 0;
   const Smtp_header_field* last = nullptr;
   for (const Smtp_header_field& parameter : parameters) {
     if (!vek_string_equal_nc(parameter.name, "boundary")) continue;
-    if (last == nullptr) found.push_back(parameter.value);
+    if (last == nullptr) found[count++] = parameter.value;
     last = &parameter;
   }
-  if (last != nullptr) found.push_back(last->value);
+  if (last != nullptr) found[count++] = last->value;
   Smtp_parameter_value value;
-  if (find_parameter_value(parameters, "boundary", value)) found.push_back(value.bytes);
-  for (const std::string& text : found) {
-    add_reading(readings, text);
+  if (find_parameter_value(parameters, "boundary", value)) found[count++] = value.bytes;
+  for (const std::string_view text : std::span(found, count)) {
+    add_reading(readings, std::string(text));
     // Up to the first blank or comment, as a reader of tokens stops.
     const auto stop = std::find_if(text.begin(), text.end(), [](char c) { return c == ' ' || c == '\t' || c == '('; });
     if (stop != text.end() && stop != text.begin()) add_reading(readings, std::string(text.begin(), stop));
     const size_t word = text.find("=?");
-    if (word != std::string::npos && text.find("?=", word + 2) != std::string::npos) {
+    if (word != std::string_view::npos && text.find("?=", word + 2) != std::string_view::npos) {
       Vek_wstring decoded;
       decode_encoded_words(text, decoded);
       add_reading(readings, vek_wtos(decoded));
