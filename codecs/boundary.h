@@ -17,9 +17,11 @@
 // entity): the lines are many only in mail made to be costly, and the
 // caller then reads the body again by the prefix rule, as without a watch.
 struct Smtp_prefix_lines {
-  // Lines kept; further ones only set `more`.
+  // Lines kept at most; further ones only set `more`.
   static constexpr size_t max_kept = 16;
+  // How many lines are kept.
   size_t count = 0;
+  // Whether lines were seen beyond those kept.
   bool more = false;
   // Whether any line was seen.
   bool any() const { return more || count != 0; }
@@ -36,6 +38,7 @@ struct Smtp_prefix_lines {
   }
 
  private:
+  // Left uninitialised: only the first `count` are read.
   const char* starts[max_kept];
   size_t lengths[max_kept];
 };
