@@ -66,10 +66,8 @@ bool Smtp_boundary::match_prefix(std::string_view line, bool& closing) const {
 bool Smtp_boundary::match_line(std::string_view line, bool& closing) const {
   if (match_padded(line, closing)) return true;
   if (prefix_) return match_prefix(line, closing);
-  if (prefix_seen_ != nullptr && !*prefix_seen_) {
-    bool ignored = false;
-    if (match_prefix(line, ignored)) *prefix_seen_ = true;
-  }
+  bool ignored = false;
+  if (prefix_seen_ != nullptr && !prefix_seen_->more && match_prefix(line, ignored)) prefix_seen_->add(line);
   return false;
 }
 

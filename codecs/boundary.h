@@ -7,8 +7,41 @@
 #ifndef SMTPFM_CODECS_BOUNDARY_H_
 #define SMTPFM_CODECS_BOUNDARY_H_
 
+#include <cstddef>
 #include <string>
 #include <string_view>
+
+// The lines that a watch saw refused by the exact rules and taken by the
+// prefix rule, as views on the text that was matched. It keeps a few, in
+// place and not cleared (a multipart body is read with one in every
+// entity): the lines are many only in mail made to be costly, and the
+// caller then reads the body again by the prefix rule, as without a watch.
+struct Smtp_prefix_lines {
+  // Lines kept at most; further ones only set `more`.
+  static constexpr size_t max_kept = 16;
+  // How many lines are kept.
+  size_t count = 0;
+  // Whether lines were seen beyond those kept.
+  bool more = false;
+  // Whether any line was seen.
+  bool any() const { return more || count != 0; }
+  // The `i`th line kept (below count), in the order seen.
+  std::string_view line(size_t i) const { return {starts[i], lengths[i]}; }
+  // Keeps `line`, or sets `more`.
+  void add(std::string_view line) {
+    if (count == max_kept) {
+      more = true;
+      return;
+    }
+    starts[count] = line.data();
+    lengths[count++] = line.size();
+  }
+
+ private:
+  // Left uninitialised: only the first `count` are read.
+  const char* starts[max_kept];
+  size_t lengths[max_kept];
+};
 
 class Smtp_boundary {
  public:
@@ -23,10 +56,10 @@ class Smtp_boundary {
   // CRLF"); it closes where "--" follows the boundary.
   Smtp_boundary(std::string text, bool transport_padding, bool prefix);
 
-  // Sets `*seen` (never clears it) whenever match_line refuses a line that
-  // the prefix rule would take; null stops the watch. Copies of the
+  // Adds to `*seen` (never clears it) every line that match_line refuses
+  // and the prefix rule would take; null stops the watch. Copies of the
   // boundary share the watch.
-  void watch_prefix_lines(bool* seen) { prefix_seen_ = seen; }
+  void watch_prefix_lines(Smtp_prefix_lines* seen) { prefix_seen_ = seen; }
 
   // True if `line` (without its line end) is a delimiter of this boundary;
   // sets `closing` for a closing delimiter, clears it for a line of the
@@ -45,7 +78,7 @@ class Smtp_boundary {
   bool tolerant_;
   bool transport_padding_;
   bool prefix_ = false;
-  bool* prefix_seen_ = nullptr;
+  Smtp_prefix_lines* prefix_seen_ = nullptr;
 };
 
 #endif  // SMTPFM_CODECS_BOUNDARY_H_

@@ -74,11 +74,11 @@ TEST(Boundary, PrefixRule) {
     bool closing = false;
     EXPECT_EQ(Smtp_boundary("abc", false, true).match_line(line, closing), matches) << line;
     EXPECT_EQ(closing, closes) << line;
-    bool seen = false;
+    Smtp_prefix_lines seen;
     Smtp_boundary watched("abc");
     watched.watch_prefix_lines(&seen);
     watched.match_line(line, closing);
-    EXPECT_EQ(seen, noted) << line;
+    EXPECT_EQ(seen.any(), noted) << line;
   }
 }
 

@@ -14,6 +14,39 @@ namespace {
 
 constexpr const char* smtp_handler_class = "Smtp_rfc1521_handler";
 
+// A property value widened as vek_stow widens it (each byte to its own
+// code unit), on the stack where it is short, as types, subtypes and
+// charsets are: the host copies the value, and a leaf then costs no string
+// of its own for each of them.
+class Wide_text {
+ public:
+  // Widens `text`, in upper case where `upper` (ASCII letters only).
+  explicit Wide_text(std::string_view text, bool upper = false) {
+    char16_t* out = inline_;
+    if (text.size() > inline_size) {
+      long_.resize(text.size());
+      out = long_.data();
+    }
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    std::copy(bytes, bytes + text.size(), out);
+    if (upper)
+      for (size_t i = 0; i < text.size(); ++i)
+        if (out[i] >= u'a' && out[i] <= u'z') out[i] = static_cast<char16_t>(out[i] - (u'a' - u'A'));
+    view_ = std::u16string_view(out, text.size());
+  }
+  Wide_text(const Wide_text&) = delete;
+  Wide_text& operator=(const Wide_text&) = delete;
+  // The widened text; valid while this lives.
+  std::u16string_view view() const { return view_; }
+
+ private:
+  // Longer than most charset names ("ISO-2022-JP-2", "windows-1252").
+  static constexpr size_t inline_size = 40;
+  char16_t inline_[inline_size];
+  Vek_wstring long_;
+  std::u16string_view view_;
+};
+
 // The properties of the names of the content besides ItemName, in the
 // order of preference: an item holds one value per property name, so the
 // second alternate is "ItemAlternateName2", and so on.
@@ -159,7 +192,7 @@ void add_field_names(std::vector<Vek_wstring>& names, const std::string& value, 
 // The names of the last field of a kind (the one this handler reads, and
 // parsed into `last_parsed` where not null), then of the first (the one
 // Thunderbird and Python's email package read).
-void add_fields_names(std::vector<Vek_wstring>& names, const std::vector<std::string>& values,
+void add_fields_names(std::vector<Vek_wstring>& names, Smtp_field_values values,
                       bool content_type, const std::vector<Smtp_header_field>* last_parsed) {
   if (values.empty()) return;
   add_field_names(names, values.back(), content_type, last_parsed);
@@ -168,8 +201,7 @@ void add_fields_names(std::vector<Vek_wstring>& names, const std::vector<std::st
 
 }  // namespace
 
-void Smtp_rfc1521_handler::collect_file_names(const std::vector<std::string>& content_types,
-                                              const std::vector<std::string>& dispositions,
+void Smtp_rfc1521_handler::collect_file_names(Smtp_field_values content_types, Smtp_field_values dispositions,
                                               const std::vector<Smtp_header_field>* type_parameters,
                                               const std::vector<Smtp_header_field>* disposition_parameters,
                                               std::string_view block_name) {
@@ -202,7 +234,7 @@ Vek_buffer* Smtp_rfc1521_handler::get_item(uint32_t& position, Fmg_item& item, V
   if (record.type == smtp_item_header) {
     item.set_property(ZOR_ITEM_TYPE, ZOR_HEADER_ITEM);
     item.add_property(length);
-    item.set_property(ZOR_ITEM_NAME, vek_stow(record.name));
+    item.set_property(ZOR_ITEM_NAME, Wide_text(record.name).view());
     item.set_property(ZOR_ITEM_CHARSET, u"UNICODE");
   } else {
     if (is_message_) {
@@ -213,14 +245,14 @@ Vek_buffer* Smtp_rfc1521_handler::get_item(uint32_t& position, Fmg_item& item, V
     if (vek_string_equal_nc(mime_type_, "multipart") || record.part) {
       // A part: its own handler will publish its type; this one only
       // passes on the type to assume when the part has no field of its own.
-      item.set_property(ZOR_ENCLOSED_MIME_TYPE, vek_stow(record.mime_type));
-      item.set_property(ZOR_ENCLOSED_MIME_SUBTYPE, vek_stow(record.mime_subtype));
+      item.set_property(ZOR_ENCLOSED_MIME_TYPE, Wide_text(record.mime_type).view());
+      item.set_property(ZOR_ENCLOSED_MIME_SUBTYPE, Wide_text(record.mime_subtype).view());
     } else {
       // The content of this entity; a file decoded from it is of a type
       // of its own, under the name of its "begin" line.
       const bool own_file = record.type == smtp_item_extra_reading && !record.file_name.empty();
-      item.set_property(ZOR_MIME_TYPE, vek_stow(own_file ? record.mime_type : mime_type_));
-      item.set_property(ZOR_MIME_SUBTYPE, vek_stow(own_file ? record.mime_subtype : mime_subtype_));
+      item.set_property(ZOR_MIME_TYPE, Wide_text(own_file ? record.mime_type : mime_type_).view());
+      item.set_property(ZOR_MIME_SUBTYPE, Wide_text(own_file ? record.mime_subtype : mime_subtype_).view());
       if (own_file) {
         item.set_property(ZOR_ITEM_NAME, file_name_text(record.file_name));
       } else if (profile_.file_names_as_clients_read_them) {
@@ -233,15 +265,18 @@ Vek_buffer* Smtp_rfc1521_handler::get_item(uint32_t& position, Fmg_item& item, V
       } else if (const Smtp_header_field* name = find_parameter(parameters_, "name")) {
         // The reference names the content by the "name" parameter alone, as
         // written.
-        item.set_property(ZOR_ITEM_NAME, vek_stow(name->value));
+        item.set_property(ZOR_ITEM_NAME, Wide_text(name->value).view());
       }
       // A message with UTF-8 headers (RFC 6532) is a message all the same:
       // the host offers message/rfc822 as one by itself, this one on our word.
       if (profile_.message_global_is_message && !own_file && vek_string_equal_nc(mime_type_, "message") &&
           vek_string_equal_nc(mime_subtype_, "global"))
         item.add_property(Tav_property(ZOR_MESSAGE_ITEM, true));
-      if (!own_file && vek_string_equal_nc(mime_type_, "text"))
-        item.set_property(ZOR_ITEM_CHARSET, charset_or(u"US-ASCII"));
+      if (!own_file && vek_string_equal_nc(mime_type_, "text")) {
+        const Smtp_header_field* charset = find_parameter(parameters_, "charset");
+        item.set_property(ZOR_ITEM_CHARSET, charset == nullptr ? std::u16string_view(u"US-ASCII")
+                                                               : Wide_text(charset->value, true).view());
+      }
     }
   }
   ++position;

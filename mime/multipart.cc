@@ -11,6 +11,7 @@
 // that cuts the body elsewhere gives its parts as extra readings.
 #include <algorithm>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -52,23 +53,25 @@ void add_reading(std::vector<std::string>& readings, std::string text) {
 // words decoded.
 void add_parameter_readings(std::vector<std::string>& readings,
                             const std::vector<Smtp_header_field>& parameters) {
-  std::vector<std::string> found;
+  // Views on `parameters` and `value`, which outlive them.
+  std::string_view found[3];
+  size_t count = 0;
   const Smtp_header_field* last = nullptr;
   for (const Smtp_header_field& parameter : parameters) {
     if (!vek_string_equal_nc(parameter.name, "boundary")) continue;
-    if (last == nullptr) found.push_back(parameter.value);
+    if (last == nullptr) found[count++] = parameter.value;
     last = &parameter;
   }
-  if (last != nullptr) found.push_back(last->value);
+  if (last != nullptr) found[count++] = last->value;
   Smtp_parameter_value value;
-  if (find_parameter_value(parameters, "boundary", value)) found.push_back(value.bytes);
-  for (const std::string& text : found) {
-    add_reading(readings, text);
+  if (find_parameter_value(parameters, "boundary", value)) found[count++] = value.bytes;
+  for (const std::string_view text : std::span(found, count)) {
+    add_reading(readings, std::string(text));
     // Up to the first blank or comment, as a reader of tokens stops.
     const auto stop = std::find_if(text.begin(), text.end(), [](char c) { return c == ' ' || c == '\t' || c == '('; });
     if (stop != text.end() && stop != text.begin()) add_reading(readings, std::string(text.begin(), stop));
     const size_t word = text.find("=?");
-    if (word != std::string::npos && text.find("?=", word + 2) != std::string::npos) {
+    if (word != std::string_view::npos && text.find("?=", word + 2) != std::string_view::npos) {
       Vek_wstring decoded;
       decode_encoded_words(text, decoded);
       add_reading(readings, vek_wtos(decoded));
@@ -94,7 +97,7 @@ void add_raw_quoted_readings(std::vector<std::string>& readings, std::string_vie
 
 }  // namespace
 
-bool may_read_otherwise(const std::vector<std::string>& content_types) {
+bool may_read_otherwise(Smtp_field_values content_types) {
   if (content_types.size() != 1) return content_types.size() > 1;
   const std::string_view value = content_types.front();
   if (value.find('*') != std::string_view::npos || value.find('\\') != std::string_view::npos ||
@@ -115,7 +118,7 @@ bool may_read_otherwise(const std::vector<std::string>& content_types) {
   return false;
 }
 
-std::vector<std::string> boundary_readings(const std::vector<std::string>& content_types,
+std::vector<std::string> boundary_readings(Smtp_field_values content_types,
                                            const std::vector<Smtp_header_field>* last_parsed) {
   std::vector<std::string> readings;
   // The last field is the one this handler reads; Thunderbird and Python's
@@ -189,8 +192,8 @@ Smtp_split Smtp_rfc1521_handler::split_body(Vek_istream& stream, uint64_t body_s
   return split;
 }
 
-void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item,
-                                          const std::vector<std::string>& content_types, Vek_status& status) {
+void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item, Smtp_field_values content_types,
+                                          Vek_status& status) {
   status.clear();
   const uint64_t body_start = stream.tell();
   const Smtp_header_field* boundary_parameter = find_parameter(parameters_, "boundary");
@@ -208,12 +211,14 @@ void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item,
   }
   std::string boundary_text = boundary_parameter == nullptr ? readings.front() : boundary_parameter->value;
   vek_trim(boundary_text);
-  bool prefix_lines = false;
+  Smtp_prefix_lines prefix_lines;
   Smtp_boundary boundary(boundary_text, profile_.delimiter_padding);
   if (profile_.every_boundary_reading) boundary.watch_prefix_lines(&prefix_lines);
   const bool whole = profile_.every_part_of_signed;
   Smtp_split split = split_body(stream, body_start, boundary, whole, status);
   if (!status.ok()) return;
+  // Whether `prefix_lines` are those of the walk that made `split`.
+  bool watched = whole;
 
   // Where the parameter's boundary cuts nothing, the first other reading
   // that does is the entity's: its parts are records like any. Not one by
@@ -228,6 +233,7 @@ void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item,
       if (!walk.ok() || other.delimiters.empty()) continue;
       boundary_text = text;
       split = std::move(other);
+      watched = false;
       break;
     }
   }
@@ -240,7 +246,8 @@ void Smtp_rfc1521_handler::open_multipart(Vek_istream& stream, Fmg_item& item,
   // the boundary as other readers read the parameter, and the prefix rule
   // of RFC 2046 where a line begins with a delimiter and goes on.
   std::vector<std::vector<Smtp_range>> seen{split.delimiters};
-  if (prefix_lines) add_other_reading(stream, split, boundary_text, true, seen);
+  if (prefix_lines.any() && !(watched && only_nested_prefix_lines(split, prefix_lines)))
+    add_other_reading(stream, split, boundary_text, true, seen);
   for (const std::string& text : readings) {
     if (text == boundary_text) continue;
     add_other_reading(stream, split, text, false, seen);
@@ -272,29 +279,67 @@ bool Smtp_rfc1521_handler::only_nested_delimiters(const Smtp_split& primary, con
     if (std::binary_search(primary.delimiters.begin(), primary.delimiters.end(), line,
                            [](const Smtp_range& a, const Smtp_range& b) { return a.offset < b.offset; }))
       continue;
-    // The part of the primary reading that holds the line, and its boundary.
-    auto part =
-        std::upper_bound(primary.parts.begin(), primary.parts.end(), line.offset,
-                         [](uint64_t offset, const Smtp_range& range) { return offset < range.offset; });
-    size_t index = primary.parts.size();  // the unclosed last part
-    if (part != primary.parts.begin() && line.offset < (part - 1)->offset + (part - 1)->length)
-      index = static_cast<size_t>(part - primary.parts.begin()) - 1;
-    else if (primary.unclosed.length == 0 || line.offset < primary.unclosed.offset)
-      return false;
-    auto nested = std::find_if(nested_boundaries_.begin(), nested_boundaries_.end(),
-                               [index](const auto& entry) { return entry.first == index; });
-    if (nested == nested_boundaries_.end()) return false;
     std::string_view text(bytes + line.offset, line.length);
     while (!text.empty() && (text.front() == '\r' || text.front() == '\n')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == '\r' || text.back() == '\n')) text.remove_suffix(1);
-    bool closing = false;
-    if (!Smtp_boundary(nested->second, profile_.delimiter_padding).match_line(text, closing)) return false;
+    if (!is_nested_delimiter(primary, line.offset, text)) return false;
+  }
+  return true;
+}
+
+// Whether `line` (a delimiter line of another split, with the line break in
+// front of it at `offset`) lies in a multipart part of `primary` and is a
+// delimiter of that part's own boundary.
+bool Smtp_rfc1521_handler::is_nested_delimiter(const Smtp_split& primary, uint64_t offset,
+                                               std::string_view line) const {
+  // The part of the primary reading that holds the line, and its boundary.
+  auto part = std::upper_bound(primary.parts.begin(), primary.parts.end(), offset,
+                               [](uint64_t at, const Smtp_range& range) { return at < range.offset; });
+  size_t index = primary.parts.size();  // the unclosed last part
+  if (part != primary.parts.begin() && offset < (part - 1)->offset + (part - 1)->length)
+    index = static_cast<size_t>(part - primary.parts.begin()) - 1;
+  else if (primary.unclosed.length == 0 || offset < primary.unclosed.offset)
+    return false;
+  auto nested = std::find_if(nested_boundaries_.begin(), nested_boundaries_.end(),
+                             [index](const auto& entry) { return entry.first == index; });
+  if (nested == nested_boundaries_.end()) return false;
+  while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.remove_suffix(1);
+  bool closing = false;
+  return Smtp_boundary(nested->second, profile_.delimiter_padding).match_line(line, closing);
+}
+
+// Whether reading the body again by the prefix rule would find only what
+// only_nested_delimiters lets pass, told from the lines that the walk of
+// `primary` saw (`lines`) without walking again. Both walks read the same
+// line starts from the body's start, each line in the same piece; a line
+// that the prefix boundary takes is a delimiter of `primary` or one of
+// `lines`, and that walk ends where `primary` ends or sooner. So where the
+// first of `lines` comes behind the first delimiter, the two readings agree
+// on that delimiter, on the place of every later one of `primary`, and put
+// each of `lines` they share with the break in front of it at part_end of
+// its start less 2 (where the walk backs up to), which no delimiter of
+// `primary` has. Lines the other walk never reaches are asked about too,
+// which can only send the body to the walk. Skipping the walk leaves its
+// delimiters out of `seen`; a later reading with the same delimiters then
+// passes only_nested_delimiters as this one would have, and adds nothing.
+bool Smtp_rfc1521_handler::only_nested_prefix_lines(const Smtp_split& primary,
+                                                    const Smtp_prefix_lines& lines) const {
+  if (lines.more || primary.delimiters.empty()) return false;
+  const auto* bytes = reinterpret_cast<const char*>(data->data());
+  const uint64_t size = data->size();
+  for (size_t i = 0; i < lines.count; ++i) {
+    const std::string_view line = lines.line(i);
+    // A piece of a longer line reads otherwise in the other walk.
+    if (line.data() < bytes || line.size() >= smtp_max_body_line ||
+        static_cast<uint64_t>(line.data() - bytes) + line.size() > size)
+      return false;
+    const auto start = static_cast<uint64_t>(line.data() - bytes);
+    if (start <= primary.preamble_end || !is_nested_delimiter(primary, part_end(start - 2), line)) return false;
   }
   return true;
 }
 
 void Smtp_rfc1521_handler::add_other_type_readings(Vek_istream& stream, uint64_t body_start,
-                                                   const std::vector<std::string>& content_types) {
+                                                   Smtp_field_values content_types) {
   std::vector<std::vector<Smtp_range>> seen;
   for (const std::string& value : content_types) {
     std::string repaired = value;
@@ -306,7 +351,8 @@ void Smtp_rfc1521_handler::add_other_type_readings(Vek_istream& stream, uint64_t
     if (!vek_string_equal_nc(type, "multipart")) continue;
     Smtp_split none;
     none.body_start = body_start;
-    for (const std::string& text : boundary_readings({value})) {
+    // The value parses in boundary_readings as it did here.
+    for (const std::string& text : boundary_readings(Smtp_field_values(&value, 1), &parameters)) {
       add_other_reading(stream, none, text, false, seen);
       add_other_reading(stream, none, text, true, seen);
     }

@@ -27,6 +27,19 @@ constexpr uint32_t smtp_log_severity = 2;
 // RFC 2047 encoded words in its fields, which the host gets decoded.
 void decode_header_value(std::string_view value, Vek_wstring& text) { decode_encoded_words(value, text); }
 
+// Adds `value`, a field's value that outlives `values`, to `values`: a
+// view on the value itself while it is the only one (most entities have
+// one field of a name), on copies in `copies` once there are more.
+void keep_value(const std::string& value, Smtp_field_values& values, std::vector<std::string>& copies) {
+  if (values.empty()) {
+    values = Smtp_field_values(&value, 1);
+    return;
+  }
+  if (copies.empty()) copies.push_back(values.front());
+  copies.push_back(value);
+  values = copies;
+}
+
 // The first word of a field value as mail clients take it when the value
 // does not parse: behind any blanks and an opening quote, the bytes up to
 // the first that cannot stand in an atom ("base64 (x)", "\"base64\"",
@@ -147,14 +160,17 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
   std::string content_type;
   std::string transfer_encoding;
   std::string disposition_text;
+  std::vector<Smtp_header_field> fields;
   // Every value of these two fields: clients differ on which one counts,
-  // and a name in any of them is one that some client shows.
-  std::vector<std::string> content_types;
-  std::vector<std::string> dispositions;
+  // and a name in any of them is one that some client shows. They view
+  // `fields`, or the copies beside them, which outlive them.
+  Smtp_field_values content_types;
+  Smtp_field_values dispositions;
+  std::vector<std::string> content_type_copies;
+  std::vector<std::string> disposition_copies;
   // Points into `fields`, which outlives it.
   const std::string* first_transfer_encoding = nullptr;
   size_t transfer_encoding_count = 0;
-  std::vector<Smtp_header_field> fields;
   {
     bool block_reads = false;
     if (handed_header_.buffer == buffer) {
@@ -177,13 +193,13 @@ void Smtp_rfc1521_handler::set_data(Vek_buffer* buffer, Fmg_item& item, Vek_stat
         if (vek_string_equal_nc(field.name, "Content-Type")) {
           content_type = field.value;
           if (profile_.file_names_as_clients_read_them || profile_.every_boundary_reading)
-            content_types.push_back(std::move(field.value));
+            keep_value(field.value, content_types, content_type_copies);
         } else if (vek_string_equal_nc(field.name, "Content-Transfer-Encoding")) {
           transfer_encoding = field.value;
           if (transfer_encoding_count++ == 0) first_transfer_encoding = &field.value;
         } else if (vek_string_equal_nc(field.name, "Content-Disposition")) {
           disposition_text = field.value;
-          if (profile_.file_names_as_clients_read_them) dispositions.push_back(std::move(field.value));
+          if (profile_.file_names_as_clients_read_them) keep_value(field.value, dispositions, disposition_copies);
         }
       }
     }

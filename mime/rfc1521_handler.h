@@ -22,6 +22,7 @@
 #define SMTPFM_MIME_RFC1521_HANDLER_H_
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,6 +33,10 @@
 #include "manager/item_table.h"
 #include "reader/header_block.h"
 #include "reader/profile.h"
+
+// Every value of a field of the header, in order: views on the values
+// where the entity has one field of the name, on copies where it has more.
+using Smtp_field_values = std::span<const std::string>;
 
 // One reading of a multipart body: where its parts and delimiter lines
 // are, as offsets in the entity's data.
@@ -124,8 +129,7 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
   Vek_wstring charset_or(std::u16string_view fallback) const;
   // The names of the content; the parameter lists, where not null, are
   // what set_data parsed of the last field of each kind.
-  void collect_file_names(const std::vector<std::string>& content_types,
-                          const std::vector<std::string>& dispositions,
+  void collect_file_names(Smtp_field_values content_types, Smtp_field_values dispositions,
                           const std::vector<Smtp_header_field>* type_parameters,
                           const std::vector<Smtp_header_field>* disposition_parameters,
                           std::string_view block_name);
@@ -134,8 +138,7 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
                               Vek_status& status);
   bool classify_by_file_name(const std::vector<Smtp_header_field>& disposition_parameters);
   // Splitting (multipart.cc).
-  void open_multipart(Vek_istream& stream, Fmg_item& item, const std::vector<std::string>& content_types,
-                      Vek_status& status);
+  void open_multipart(Vek_istream& stream, Fmg_item& item, Smtp_field_values content_types, Vek_status& status);
   Smtp_split split_body(Vek_istream& stream, uint64_t body_start, const Smtp_boundary& boundary, bool whole,
                         Vek_status& status) const;
   void add_split_records(const Smtp_split& split, bool primary, Vek_status& status);
@@ -143,8 +146,10 @@ class Smtp_rfc1521_handler : public Fmg_handler_base, public Smtp_coverage_sourc
   void add_other_reading(Vek_istream& stream, const Smtp_split& primary, const std::string& text, bool prefix,
                          std::vector<std::vector<Smtp_range>>& seen);
   bool only_nested_delimiters(const Smtp_split& primary, const Smtp_split& other) const;
+  bool is_nested_delimiter(const Smtp_split& primary, uint64_t offset, std::string_view line) const;
+  bool only_nested_prefix_lines(const Smtp_split& primary, const Smtp_prefix_lines& lines) const;
   void add_other_type_readings(Vek_istream& stream, uint64_t body_start,
-                               const std::vector<std::string>& content_types);
+                               Smtp_field_values content_types);
   void cover(const Smtp_range& range);
   void add_empty_text_body();
   uint64_t part_end(uint64_t position) const;
@@ -210,7 +215,7 @@ Fmg_handler_base* make_rfc1521_handler(const Vek_wstring& name,
 // Whether these "Content-Type" values can give more than one boundary
 // reading: two fields, or a value with a comment, an RFC 2231 or RFC 2047
 // form, a quoted pair or two "boundary" parameters.
-bool may_read_otherwise(const std::vector<std::string>& content_types);
+bool may_read_otherwise(Smtp_field_values content_types);
 
 // Every value that a reader may take for the boundary of a multipart
 // entity with these "Content-Type" values: the first and the last
@@ -218,7 +223,7 @@ bool may_read_otherwise(const std::vector<std::string>& content_types);
 // RFC 2047 forms, and a quoted value with its backslashes kept; trimmed,
 // without repeats. `last_parsed`, where not null, holds the parameters that
 // the last value (repaired) parses into, which are then not parsed again.
-std::vector<std::string> boundary_readings(const std::vector<std::string>& content_types,
+std::vector<std::string> boundary_readings(Smtp_field_values content_types,
                                            const std::vector<Smtp_header_field>* last_parsed = nullptr);
 
 // The first parameter named `name` (any case), or null.
