@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 // Class bits. Bytes 128 to 255 belong to no class.
@@ -34,5 +35,13 @@ inline constexpr std::array<uint32_t, 256> smtp_char_class = smtp_char_class_det
 
 // The class mask of one byte.
 inline constexpr uint32_t char_class_of(char c) { return smtp_char_class[static_cast<unsigned char>(c)]; }
+
+// The first `byte` from `from` on in front of `end`, or `end`. Header
+// values may run to kilobytes (a quoted boundary): the readers pass over
+// the bytes between the ones that count with it.
+inline const char* find_byte(const char* from, const char* end, char byte) {
+  const void* found = std::memchr(from, byte, static_cast<size_t>(end - from));
+  return found == nullptr ? end : static_cast<const char*>(found);
+}
 
 #endif  // SMTPFM_READER_CHAR_CLASS_H_

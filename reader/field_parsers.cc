@@ -20,7 +20,6 @@
 #include "reader/field_parsers.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 
 #include "codecs/encoded_words.h"
@@ -265,12 +264,6 @@ std::string_view trim_blanks(std::string_view text) {
   while (!text.empty() && is_blank(text.front())) text.remove_prefix(1);
   while (!text.empty() && is_blank(text.back())) text.remove_suffix(1);
   return text;
-}
-
-// The first `byte` from `from` on in front of `end`, or `end`.
-const char* find_byte(const char* from, const char* end, char byte) {
-  const void* found = std::memchr(from, byte, static_cast<size_t>(end - from));
-  return found == nullptr ? end : static_cast<const char*>(found);
 }
 
 // The end of the piece that starts at `from`: the first ';' outside a

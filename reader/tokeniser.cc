@@ -29,12 +29,6 @@ size_t skip_white(Source src, size_t pos) {
   return pos;
 }
 
-// The first `byte` from `from` on in front of `end`, or `end`.
-const char* find_byte(const char* from, const char* end, char byte) {
-  const void* found = std::memchr(from, byte, static_cast<size_t>(end - from));
-  return found == nullptr ? end : static_cast<const char*>(found);
-}
-
 // Reads a token that runs from the opening byte at `pos` to `closing`, a
 // backslash taking the byte behind it along; where `opening` is not 0, the
 // token nests up to `max_depth` levels. Leaves `pos` behind the closing
